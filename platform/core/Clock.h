@@ -1,0 +1,37 @@
+#pragma once
+// Clock: seconds as double. MonotonicClock is CLOCK_MONOTONIC, the time base of the event loop's timerfd;
+// SimulatedClock only moves when a test (or the simulated loop) moves it.
+
+#include <limits>
+
+#include "platform/core/Object.h"
+
+namespace Calyx {
+
+inline constexpr double kNever = std::numeric_limits<double>::infinity();
+
+class Clock : public Object {
+ public:
+  virtual double now() const = 0;
+};
+
+class MonotonicClock final : public Clock {
+ public:
+  double now() const override;
+};
+
+class SimulatedClock final : public Clock {
+ public:
+  explicit SimulatedClock(double start = 1000.0) : now_(start) {}
+  double now() const override { return now_; }
+  // Time never runs backwards: an earlier value is ignored.
+  void nowIs(double t) {
+    if (t > now_) now_ = t;
+  }
+  void advance(double seconds) { nowIs(now_ + seconds); }
+
+ private:
+  double now_;
+};
+
+}  // namespace Calyx

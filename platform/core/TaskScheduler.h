@@ -1,0 +1,56 @@
+#pragma once
+// TaskScheduler: the ready queue of the event thread's tasks.
+//
+// Priorities: a larger value is more urgent; a ready task of higher priority runs before any of lower priority, and
+// tasks of equal priority run in the order they were scheduled. One call of runReady() runs each task that was ready
+// when it started at most once, so a task that reschedules itself waits for the next turn of the loop and I/O and
+// timers get their turn in between.
+//
+// shouldYield() is true once the running task has used its time slice (measured on the monotonic clock, whatever
+// clock the loop runs on). Tests replace that test with a predicate of their own (shouldYieldIs) to make a task yield
+// at a chosen point in simulated time.
+
+#include <cstddef>
+#include <deque>
+#include <functional>
+#include <map>
+#include <string>
+
+#include "platform/core/Clock.h"
+#include "platform/core/Ptr.h"
+#include "platform/core/Task.h"
+
+namespace Calyx {
+
+class TaskScheduler : public Object {
+ public:
+  explicit TaskScheduler(double timeSlice = 0.005);
+
+  // The platform's task factory.
+  Ptr<Task> taskNew(std::string name, int priority) { return make<Task>(Ptr<TaskScheduler>(this), name, priority); }
+
+  bool shouldYield() const;
+  void shouldYieldIs(std::function<bool()> predicate) { yieldPredicate_ = std::move(predicate); }
+  double timeSlice() const { return timeSlice_; }
+
+  // Runs every task that was ready when called, once each; returns how many ran.
+  size_t runReady();
+  bool hasReady() const { return readyCount_ > 0; }
+  size_t readyCount() const { return readyCount_; }
+  Task const* running() const { return running_; }
+
+ private:
+  friend class Task;
+  void enqueue(Task* task);
+
+  double timeSlice_;
+  MonotonicClock sliceClock_;
+  double sliceStart_ = 0.0;
+  std::function<bool()> yieldPredicate_;
+  // Priority, most urgent first.
+  std::map<int, std::deque<Ptr<Task>>, std::greater<int>> ready_;
+  size_t readyCount_ = 0;
+  Task* running_ = nullptr;
+};
+
+}  // namespace Calyx
