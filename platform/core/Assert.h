@@ -1,6 +1,6 @@
 #pragma once
-// Fatal assertions: only where the system's definition names an invariant. The message names the broken expectation,
-// the function and the source file; the process then aborts. Nothing else in the system aborts.
+// Fatal assertions: only where the system's definition names an invariant. The message names the broken
+// expectation, the function and the source file; the process then aborts. Nothing else in the system aborts.
 
 #include <source_location>
 #include <string_view>
@@ -12,7 +12,7 @@ namespace Calyx {
 
 }  // namespace Calyx
 
-#define CALYX_ASSERT(cond, message)                \
+#define CALYX_ASSERT(cond, message)                 \
   do {                                              \
     if (!(cond)) ::Calyx::assertionFailed(message); \
   } while (0)

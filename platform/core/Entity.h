@@ -11,9 +11,10 @@
 //     void sizeIs(int s) { if (s == size_) return; size_ = s; notify(&Reactor::handleSize); }
 //   };
 //
-// A reactor attaches to its entity in its constructor and detaches in its destructor, so it hears nothing once it is
-// being destroyed. Entities call their reactors synchronously, in attach order, inside the setter. The framework does
-// not call handlers on attach: a state machine calls its reactors' handlers once, right after creating them.
+// A reactor attaches to its entity in its constructor and detaches in its destructor, so it hears nothing
+// once it is being destroyed. Entities call their reactors synchronously, in attach order, inside the setter.
+// The framework does not call handlers on attach: a state machine calls its reactors' handlers once, right
+// after creating them.
 
 #include <utility>
 

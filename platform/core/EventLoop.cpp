@@ -21,11 +21,15 @@ namespace {
 EventLoop* activityManager = nullptr;
 constexpr uint64_t kTimerFdId = 0;  // watch ids start at 1
 
-void throwErrno(char const* what) { throw std::runtime_error(std::string(what) + ": " + std::strerror(errno)); }
+void throwErrno(char const* what) {
+  throw std::runtime_error(std::string(what) + ": " + std::strerror(errno));
+}
 
 }  // namespace
 
-Ptr<EventLoop> EventLoop::makeReal() { return Ptr<EventLoop>(new EventLoop(make<MonotonicClock>(), nullptr)); }
+Ptr<EventLoop> EventLoop::makeReal() {
+  return Ptr<EventLoop>(new EventLoop(make<MonotonicClock>(), nullptr));
+}
 
 Ptr<EventLoop> EventLoop::makeSimulated(double startTime) {
   auto clock = make<SimulatedClock>(startTime);
@@ -33,7 +37,9 @@ Ptr<EventLoop> EventLoop::makeSimulated(double startTime) {
   return Ptr<EventLoop>(new EventLoop(std::move(clock), raw));
 }
 
-EventLoop* EventLoop::current() { return activityManager; }
+EventLoop* EventLoop::current() {
+  return activityManager;
+}
 
 EventLoop::EventLoop(Ptr<Clock> clock, SimulatedClock* simulated)
     : clock_(std::move(clock)), simulated_(simulated), scheduler_(make<TaskScheduler>()) {
@@ -69,7 +75,9 @@ std::unique_ptr<EventLoop::FdWatch> EventLoop::fdWatch(int fd, std::function<voi
   return std::unique_ptr<FdWatch>(new FdWatch(*this, fd, id));
 }
 
-EventLoop::FdWatch::~FdWatch() { loop_->fdUnwatch(id_, fd_); }
+EventLoop::FdWatch::~FdWatch() {
+  loop_->fdUnwatch(id_, fd_);
+}
 
 void EventLoop::fdUnwatch(uint64_t id, int fd) {
   // The descriptor may be closed already, which removed it from the epoll set by itself.
@@ -95,7 +103,9 @@ void EventLoop::readSignals() {
   }
 }
 
-void EventLoop::timerWheelDel(TimerWheel* wheel) { std::erase(wheels_, wheel); }
+void EventLoop::timerWheelDel(TimerWheel* wheel) {
+  std::erase(wheels_, wheel);
+}
 
 double EventLoop::nextTimerDue() const {
   double due = kNever;
@@ -143,8 +153,8 @@ bool EventLoop::pollFds(int timeoutMs) {
       timerFdArmedAt_ = kNever;
       continue;
     }
-    // An earlier callback of this batch may have dropped the watch: look it up afresh, and call a copy so that the
-    // callback may drop its own watch.
+    // An earlier callback of this batch may have dropped the watch: look it up afresh, and call a copy so
+    // that the callback may drop its own watch.
     auto it = watches_.find(id);
     if (it == watches_.end()) continue;
     auto callback = it->second;

@@ -1,12 +1,15 @@
 #pragma once
-// EventLoop: the one thread's driver. It runs ready tasks, fires due timers of every TimerWheel made on it, watches
-// file descriptors, delivers SIGINT/SIGTERM/SIGHUP as notifications, and frees objects handed to deleteLater().
+// EventLoop: the one thread's driver. It runs ready tasks, fires due timers of every TimerWheel made on it,
+// watches file descriptors, delivers SIGINT/SIGTERM/SIGHUP as notifications, and frees objects handed to
+// deleteLater().
 //
-// epoll_wait is the only place the loop sleeps: timers wake it through a timerfd armed at the earliest due time,
-// signals through a signalfd. On a simulated clock the loop never sleeps: runFor(seconds) moves the clock from one due
-// timer to the next, running every task and polling every watched descriptor (without waiting) at each step.
+// epoll_wait is the only place the loop sleeps: timers wake it through a timerfd armed at the earliest due
+// time, signals through a signalfd. On a simulated clock the loop never sleeps: runFor(seconds) moves the
+// clock from one due timer to the next, running every task and polling every watched descriptor (without
+// waiting) at each step.
 //
-// The first loop made in a process is the activity manager (current()): the clock the feature's timer wheel runs on.
+// The first loop made in a process is the activity manager (current()): the clock the feature's timer wheel
+// runs on.
 
 #include <cstdint>
 #include <functional>
@@ -66,10 +69,11 @@ class EventLoop : public Object, public Notifier<EventLoop> {
   void run();
   void stop() { stopped_ = true; }
   bool isStopped() const { return stopped_; }
-  // One turn: frees the doomed, fires due timers, runs ready tasks, then waits at most maxWait seconds for I/O
-  // (less when a timer is due sooner; not at all when work is ready). Returns whether anything ran.
+  // One turn: frees the doomed, fires due timers, runs ready tasks, then waits at most maxWait seconds for
+  // I/O (less when a timer is due sooner; not at all when work is ready). Returns whether anything ran.
   bool runOnce(double maxWait);
-  // Runs for the given time: on the simulated clock without sleeping, on the real clock by sleeping in epoll_wait.
+  // Runs for the given time: on the simulated clock without sleeping, on the real clock by sleeping in
+  // epoll_wait.
   void runFor(double seconds);
   // Runs until no task is ready, no timer is due and no descriptor is readable, without moving the clock.
   void runUntilIdle();

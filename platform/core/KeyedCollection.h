@@ -1,9 +1,9 @@
 #pragma once
 // KeyedCollection<K, V>: the storage behind an entity's collection attribute.
 //
-// Ordered by key (first/next walks keys in order and survives changes made during the walk, because next() looks the
-// key up again). The collection itself does not notify: the entity's xIs/xDel/xDelAll call it and then notify their
-// reactors with the key when it reports a change.
+// Ordered by key (first/next walks keys in order and survives changes made during the walk, because next()
+// looks the key up again). The collection itself does not notify: the entity's xIs/xDel/xDelAll call it and
+// then notify their reactors with the key when it reports a change.
 
 #include <cstddef>
 #include <map>

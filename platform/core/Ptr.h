@@ -1,5 +1,6 @@
 #pragma once
-// Ptr<T>: a counted reference to an Object. Ptr<T const> is what a state machine holds for what it only reads.
+// Ptr<T>: a counted reference to an Object. Ptr<T const> is what a state machine holds for what it only
+// reads.
 
 #include <cstddef>
 #include <functional>
@@ -26,8 +27,8 @@ class Ptr {
   Ptr(Ptr<U>&& o) noexcept : p_(o.release()) {}
   ~Ptr() { reset(); }
 
-  // The new referent is counted up before the old one is counted down, so assigning a reference to itself, or to
-  // an object the old referent owns, is safe.
+  // The new referent is counted up before the old one is counted down, so assigning a reference to itself, or
+  // to an object the old referent owns, is safe.
   Ptr& operator=(Ptr o) noexcept {
     std::swap(p_, o.p_);
     return *this;

@@ -2,10 +2,12 @@
 // ReactorList<R>: the list of reactors an entity notifies, safe under re-entrancy.
 //
 // A handler may, while it is being notified:
-// - remove itself or any other reactor: the slot is only cleared, and a cleared slot is never called; the list
+// - remove itself or any other reactor: the slot is only cleared, and a cleared slot is never called; the
+// list
 //   compacts when the outermost notification ends;
 // - add a reactor: it is not called by the notification under way (it hears the next one);
-// - destroy the list's owner (and so the list): every notification under way notices through its frame and returns
+// - destroy the list's owner (and so the list): every notification under way notices through its frame and
+// returns
 //   without touching the list again.
 // Notifications may nest (a handler changes another attribute of the same entity). Single-threaded by design.
 
@@ -40,7 +42,8 @@ class ReactorList {
 
   bool contains(R const* r) const { return std::find(items_.begin(), items_.end(), r) != items_.end(); }
   size_t size() const {
-    return static_cast<size_t>(std::count_if(items_.begin(), items_.end(), [](R* r) { return r != nullptr; }));
+    return static_cast<size_t>(
+        std::count_if(items_.begin(), items_.end(), [](R* r) { return r != nullptr; }));
   }
   bool empty() const { return size() == 0; }
 

@@ -13,7 +13,9 @@ void Task::schedule() {
   scheduler_->enqueue(this);
 }
 
-bool Task::shouldYield() const { return scheduler_->shouldYield(); }
+bool Task::shouldYield() const {
+  return scheduler_->shouldYield();
+}
 
 void Task::run() {
   scheduled_ = false;

@@ -1,11 +1,11 @@
 #pragma once
 // Task: deferred, cooperative work on the event thread.
 //
-// A task is made by name and priority on a TaskScheduler. schedule() puts it on the ready queue (once: scheduling a
-// task that is already waiting changes nothing); when the scheduler runs it, it notifies its reactors (handleRun).
-// A long job checks shouldYield() between units of work and, when told to, records what it did (workCountInc),
-// declares what is left (workPendingIs), schedules itself again and returns; it then runs after the tasks that were
-// already waiting.
+// A task is made by name and priority on a TaskScheduler. schedule() puts it on the ready queue (once:
+// scheduling a task that is already waiting changes nothing); when the scheduler runs it, it notifies its
+// reactors (handleRun). A long job checks shouldYield() between units of work and, when told to, records what
+// it did (workCountInc), declares what is left (workPendingIs), schedules itself again and returns; it then
+// runs after the tasks that were already waiting.
 
 #include <cstdint>
 #include <string>

@@ -1,14 +1,14 @@
 #pragma once
 // TaskScheduler: the ready queue of the event thread's tasks.
 //
-// Priorities: a larger value is more urgent; a ready task of higher priority runs before any of lower priority, and
-// tasks of equal priority run in the order they were scheduled. One call of runReady() runs each task that was ready
-// when it started at most once, so a task that reschedules itself waits for the next turn of the loop and I/O and
-// timers get their turn in between.
+// Priorities: a larger value is more urgent; a ready task of higher priority runs before any of lower
+// priority, and tasks of equal priority run in the order they were scheduled. One call of runReady() runs
+// each task that was ready when it started at most once, so a task that reschedules itself waits for the next
+// turn of the loop and I/O and timers get their turn in between.
 //
-// shouldYield() is true once the running task has used its time slice (measured on the monotonic clock, whatever
-// clock the loop runs on). Tests replace that test with a predicate of their own (shouldYieldIs) to make a task yield
-// at a chosen point in simulated time.
+// shouldYield() is true once the running task has used its time slice (measured on the monotonic clock,
+// whatever clock the loop runs on). Tests replace that test with a predicate of their own (shouldYieldIs) to
+// make a task yield at a chosen point in simulated time.
 
 #include <cstddef>
 #include <deque>
@@ -27,7 +27,9 @@ class TaskScheduler : public Object {
   explicit TaskScheduler(double timeSlice = 0.005);
 
   // The platform's task factory.
-  Ptr<Task> taskNew(std::string name, int priority) { return make<Task>(Ptr<TaskScheduler>(this), name, priority); }
+  Ptr<Task> taskNew(std::string name, int priority) {
+    return make<Task>(Ptr<TaskScheduler>(this), name, priority);
+  }
 
   bool shouldYield() const;
   void shouldYieldIs(std::function<bool()> predicate) { yieldPredicate_ = std::move(predicate); }

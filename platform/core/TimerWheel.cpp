@@ -10,7 +10,9 @@ namespace Calyx {
 
 Timer::Timer(Ptr<TimerWheel> wheel) : wheel_(std::move(wheel)) {}
 
-Timer::~Timer() { timeMinIs(kNever); }
+Timer::~Timer() {
+  timeMinIs(kNever);
+}
 
 void Timer::timeMinIs(double t) {
   if (std::isnan(t)) t = kNever;
@@ -34,7 +36,9 @@ TimerWheel::TimerWheel(EventLoop& loop, uint32_t granularity, uint32_t maxTicks,
 }
 
 // Timers hold a Ptr to their wheel, so none is armed here.
-TimerWheel::~TimerWheel() { loop_->timerWheelDel(this); }
+TimerWheel::~TimerWheel() {
+  loop_->timerWheelDel(this);
+}
 
 uint64_t TimerWheel::tickOf(double t) const {
   double const tick = std::floor(t / granularitySeconds_);
@@ -72,8 +76,8 @@ bool TimerWheel::isDue(Timer const* t, double now) const {
 double TimerWheel::nextDue() const {
   if (buckets_.empty()) return kNever;
   auto const& [tick, bucket] = *buckets_.begin();
-  // The first bucket holds the earliest timers, except for timers parked in a horizon bucket: waking at the end of
-  // the first bucket at the latest re-files those and finds the true next time.
+  // The first bucket holds the earliest timers, except for timers parked in a horizon bucket: waking at the
+  // end of the first bucket at the latest re-files those and finds the true next time.
   double due = static_cast<double>(tick + 1) * granularitySeconds_;
   if (!fireInBatches_) {
     for (Timer const* t = bucket.head; t; t = t->next_) due = std::min(due, t->timeMin_);

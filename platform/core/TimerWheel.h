@@ -1,20 +1,25 @@
 #pragma once
 // TimerWheel and Timer: timed work on the event loop.
 //
-// A Timer is an entity with one attribute, timeMin: the time at which it fires, +infinity (kNever) while idle. When the
-// loop reaches that time the wheel sets timeMin back to kNever and then notifies the timer's reactors
-// (handleTimer), so a handler may re-arm its own timer. A timer belongs to the object it serves: when its last Ptr goes
-// the timer is cancelled.
+// A Timer is an entity with one attribute, timeMin: the time at which it fires, +infinity (kNever) while
+// idle. When the loop reaches that time the wheel sets timeMin back to kNever and then notifies the timer's
+// reactors (handleTimer), so a handler may re-arm its own timer. A timer belongs to the object it serves:
+// when its last Ptr goes the timer is cancelled.
 //
-// The wheel files armed timers into buckets of `granularity` milliseconds, keyed by tick; arming and cancelling cost
-// one bucket look-up and an unlink. The four tuning arguments:
-//   granularity    width of a bucket in milliseconds. Timers still fire at their exact time (see fireInBatches);
+// The wheel files armed timers into buckets of `granularity` milliseconds, keyed by tick; arming and
+// cancelling cost one bucket look-up and an unlink. The four tuning arguments:
+//   granularity    width of a bucket in milliseconds. Timers still fire at their exact time (see
+//   fireInBatches);
 //                  the bucket only groups them.
-//   maxTicks       the wheel's horizon in buckets. A timer further out than that waits in the horizon bucket and is
-//                  filed again when the wheel reaches it, so far-away timers cost nothing until they come near.
-//   fireInBatches  false: a timer fires on the first loop turn at or after its time. true: timers fire only when their
+//   maxTicks       the wheel's horizon in buckets. A timer further out than that waits in the horizon bucket
+//   and is
+//                  filed again when the wheel reaches it, so far-away timers cost nothing until they come
+//                  near.
+//   fireInBatches  false: a timer fires on the first loop turn at or after its time. true: timers fire only
+//   when their
 //                  whole bucket has passed, all together (coarser, fewer wake-ups).
-//   maxFirePerTurn at most this many timers fire in one loop turn; the rest fire in the next turn, after I/O, so a
+//   maxFirePerTurn at most this many timers fire in one loop turn; the rest fire in the next turn, after I/O,
+//   so a
 //                  storm of timers cannot starve the sockets.
 // Due timers fire in order of their time, and in arming order for equal times.
 
@@ -63,7 +68,8 @@ class Timer : public Object, public Notifier<Timer> {
 
 class TimerWheel : public Object {
  public:
-  TimerWheel(EventLoop& loop, uint32_t granularity, uint32_t maxTicks, bool fireInBatches, uint32_t maxFirePerTurn);
+  TimerWheel(EventLoop& loop, uint32_t granularity, uint32_t maxTicks, bool fireInBatches,
+             uint32_t maxFirePerTurn);
 
   Clock const& clock() const { return *clock_; }
   double now() const { return clock_->now(); }
