@@ -1,0 +1,40 @@
+#pragma once
+// HwFlowTracking::Config: the hardware flow-tracking configuration: one FtConfig per tracker, keyed by
+// tracker name. Reactors hear handleHwFtConfig(name) for every tracker that appeared, was replaced by another
+// object or went away; changes inside a tracker are heard on the tracker (FtConfig::Reactor).
+
+#include <cstddef>
+#include <optional>
+
+#include "platform/core/Entity.h"
+#include "platform/core/KeyedCollection.h"
+#include "platform/entity/HwFlowTrackingFtConfig.h"
+#include "platform/types/String.h"
+
+namespace Calyx::HwFlowTracking {
+
+class Config : public Object, public Notifier<Config> {
+ public:
+  class Reactor : public ReactorBase<Config> {
+   public:
+    using ReactorBase::ReactorBase;
+    virtual void handleHwFtConfig(String const& /*name*/) {}
+  };
+
+  // The tracker of that name, or null. Ordered walk by name; next() stays valid across changes made during
+  // the walk.
+  Ptr<FtConfig const> hwFtConfig(String const& name) const;
+  Ptr<FtConfig> hwFtConfig(String const& name);
+  size_t hwFtConfigCount() const { return hwFtConfig_.count(); }
+  std::optional<String> hwFtConfigFirst() const { return hwFtConfig_.first(); }
+  std::optional<String> hwFtConfigNext(String const& after) const { return hwFtConfig_.next(after); }
+  // A null tracker deletes the entry.
+  void hwFtConfigIs(String const& name, Ptr<FtConfig> tracker);
+  void hwFtConfigDel(String const& name);
+  void hwFtConfigDelAll();
+
+ private:
+  KeyedCollection<String, Ptr<FtConfig>> hwFtConfig_;
+};
+
+}  // namespace Calyx::HwFlowTracking
