@@ -1,0 +1,111 @@
+#include "mirror_on_drop/MirrorOnDropEmtCommon.h"
+
+#include <ostream>
+
+#include "mirror_on_drop/MirrorOnDropValueText.h"
+#include "platform/types/Hash.h"
+
+namespace MirrorOnDrop::Emt {
+
+using Detail::ValueTextReader;
+using Detail::ValueTextWriter;
+
+namespace {
+
+IntfId parseIntf(std::string_view text) {
+  if (text.empty()) return IntfId();
+  auto intf = IntfId::parse(text);
+  if (!intf) ValueTextReader::fail("intfId");
+  return *intf;
+}
+
+bool parseBool(std::string_view text, std::string_view name) {
+  if (text == "True" || text == "TRUE" || text == "true") return true;
+  if (text == "False" || text == "FALSE" || text == "false") return false;
+  ValueTextReader::fail(name);
+}
+
+}  // namespace
+
+Key::Key(std::string_view text) {
+  ValueTextReader r(text, "MirrorOnDrop::Emt::Key", "ipProto");
+  flow_.ipProtoIs(r.number<uint8_t>("ipProto"));
+  auto address = [&](std::string_view name) {
+    auto a = IpGenAddr::parse(r.field(name));
+    if (!a) ValueTextReader::fail(name);
+    return *a;
+  };
+  flow_.srcIpIs(address("srcIp"));
+  flow_.dstIpIs(address("dstIp"));
+  flow_.srcPortIs(r.number<uint16_t>("srcPort"));
+  flow_.dstPortIs(r.number<uint16_t>("dstPort"));
+  intfId_ = parseIntf(r.field("intfId"));
+  r.end("intfId");
+}
+
+bool Key::operator<(Key const& o) const {
+  if (flow_ < o.flow_) return true;
+  if (o.flow_ < flow_) return false;
+  return intfId_ < o.intfId_;
+}
+
+uint32_t Key::hash(uint32_t seed) const {
+  // The flow key's inputs in the same order, then the interface's hash.
+  Calyx::IncrementalHash h(seed);
+  h.add8(flow_.ipProto());
+  h.add32(flow_.srcIp().hash());
+  h.add32(flow_.dstIp().hash());
+  h.add16(flow_.srcPort());
+  h.add16(flow_.dstPort());
+  h.add32(intfId_.hash());
+  return h.value();
+}
+
+std::string Key::valueToStrep() const {
+  return ValueTextWriter("MirrorOnDrop::Emt::Key")
+      .field("ipProto", flow_.ipProto())
+      .field("srcIp", flow_.srcIp())
+      .field("dstIp", flow_.dstIp())
+      .field("srcPort", flow_.srcPort())
+      .field("dstPort", flow_.dstPort())
+      .field("intfId", intfId_)
+      .str();
+}
+
+EntryStatus::EntryStatus(std::string_view text) {
+  ValueTextReader r(text, "MirrorOnDrop::Emt::EntryStatus", "key");
+  std::string_view const key = r.field("key");
+  try {
+    key_ = Key(key);
+  } catch (std::range_error const&) {
+    ValueTextReader::fail("key");
+  }
+  isInstalled_ = parseBool(r.field("isInstalled"), "isInstalled");
+  r.end("isInstalled");
+}
+
+std::string EntryStatus::valueToStrep() const {
+  return ValueTextWriter("MirrorOnDrop::Emt::EntryStatus")
+      .field("key", key_)
+      .field("isInstalled", isInstalled_ ? "True" : "False")
+      .str();
+}
+
+Calyx::Ptr<Config> configFactory(std::string const& name) {
+  return Calyx::make<Config>(name, MirrorOnDrop::Detail::sharedTableOptions());
+}
+Calyx::Ptr<Status> statusFactory(std::string const& name) {
+  return Calyx::make<Status>(name, MirrorOnDrop::Detail::sharedTableOptions());
+}
+
+std::ostream& operator<<(std::ostream& os, Key const& v) {
+  return os << v.valueToStrep();
+}
+std::ostream& operator<<(std::ostream& os, EntryConfig const& v) {
+  return os << v.valueToStrep();
+}
+std::ostream& operator<<(std::ostream& os, EntryStatus const& v) {
+  return os << v.valueToStrep();
+}
+
+}  // namespace MirrorOnDrop::Emt

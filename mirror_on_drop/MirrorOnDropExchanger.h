@@ -1,0 +1,163 @@
+#pragma once
+// Exchanger: the one record through which the feature's state machines hand work to each other. No state
+// machine calls another's handlers; a writer changes an attribute here and the reactors on that attribute
+// hear it, at once, inside the writer's call.
+//
+// Three kinds of attribute:
+// - one-shot event flags, raised by a pulse (a plain store of false, then the setter with true), so that
+// every raise
+//   reaches the reactors even when the flag already stood true; no code lowers them with a notification;
+// - argument slots (emtKey, report, reportKey), stored without notification just before a notifying counter
+// moves,
+//   and valid only while that counter's notification runs;
+// - 64-bit counters that double as statistics; they count from the plug-in's start and are never reset.
+// isTogglingFeatureOff is the one flag that is a state: raised with the setter, lowered by a plain store.
+
+#include <cstdint>
+
+#include "mirror_on_drop/MirrorOnDropEmtCommon.h"
+#include "mirror_on_drop/MirrorOnDropReport.h"
+#include "mirror_on_drop/MirrorOnDropType.h"
+#include "platform/core/Entity.h"
+
+namespace MirrorOnDrop {
+
+class Exchanger : public Calyx::Object, public Calyx::Notifier<Exchanger> {
+ public:
+  class Reactor : public Calyx::ReactorBase<Exchanger> {
+   public:
+    using ReactorBase::ReactorBase;
+    virtual void handleIsTogglingFeatureOff() {}
+    virtual void handleIsTrackerChanged() {}
+    virtual void handleIsInactiveIntervalUpdated() {}
+    virtual void handleIsToggleFeatureOffReady() {}
+    virtual void handleIsStopReport() {}
+    virtual void handleCounterProcessedPacket() {}
+    virtual void handleTimerReportTimeMin() {}
+    virtual void handleCounterSentStartReport() {}
+    virtual void handleCounterSentStopReport() {}
+  };
+
+  Exchanger() = default;
+
+  // --- event flags ---
+  bool isTogglingFeatureOff() const { return isTogglingFeatureOff_; }
+  bool isTrackerChanged() const { return isTrackerChanged_; }
+  bool isInactiveIntervalUpdated() const { return isInactiveIntervalUpdated_; }
+  bool isToggleFeatureOffReady() const { return isToggleFeatureOffReady_; }
+  bool isStopReport() const { return isStopReport_; }
+  // Store, and notify only when the value changes.
+  void isTogglingFeatureOffIs(bool v) {
+    flagIs(isTogglingFeatureOff_, v, &Reactor::handleIsTogglingFeatureOff);
+  }
+  void isTrackerChangedIs(bool v) { flagIs(isTrackerChanged_, v, &Reactor::handleIsTrackerChanged); }
+  void isInactiveIntervalUpdatedIs(bool v) {
+    flagIs(isInactiveIntervalUpdated_, v, &Reactor::handleIsInactiveIntervalUpdated);
+  }
+  void isToggleFeatureOffReadyIs(bool v) {
+    flagIs(isToggleFeatureOffReady_, v, &Reactor::handleIsToggleFeatureOffReady);
+  }
+  void isStopReportIs(bool v) { flagIs(isStopReport_, v, &Reactor::handleIsStopReport); }
+  // Plain stores, bypassing the setters: nobody is notified.
+  void isTogglingFeatureOffStore(bool v) { isTogglingFeatureOff_ = v; }
+  void isToggleFeatureOffReadyStore(bool v) { isToggleFeatureOffReady_ = v; }
+  void isStopReportStore(bool v) { isStopReport_ = v; }
+  // Pulses: every call reaches the reactors exactly once, and the flag stays true.
+  void isTrackerChangedPulse() { pulse(isTrackerChanged_, &Reactor::handleIsTrackerChanged); }
+  void isInactiveIntervalUpdatedPulse() {
+    pulse(isInactiveIntervalUpdated_, &Reactor::handleIsInactiveIntervalUpdated);
+  }
+  void isToggleFeatureOffReadyPulse() {
+    pulse(isToggleFeatureOffReady_, &Reactor::handleIsToggleFeatureOffReady);
+  }
+  void isStopReportPulse() { pulse(isStopReport_, &Reactor::handleIsStopReport); }
+
+  // --- the dispatcher's report queues, published for the sender (no notification) ---
+  Calyx::Ptr<Report::Outbox> const& reportStartOutbox() const { return reportStartOutbox_; }
+  Calyx::Ptr<Report::Outbox> const& reportStopOutbox() const { return reportStopOutbox_; }
+  void reportStartOutboxIs(Calyx::Ptr<Report::Outbox> o) { reportStartOutbox_ = std::move(o); }
+  void reportStopOutboxIs(Calyx::Ptr<Report::Outbox> o) { reportStopOutbox_ = std::move(o); }
+
+  // --- argument slots (no notification) ---
+  Emt::Key const& emtKey() const { return emtKey_; }
+  void emtKeyIs(Emt::Key const& k) { emtKey_ = k; }
+  Report::Report const& report() const { return report_; }
+  void reportIs(Report::Report const& r) { report_ = r; }
+  Report::Key const& reportKey() const { return reportKey_; }
+  void reportKeyIs(Report::Key const& k) { reportKey_ = k; }
+
+  // --- counters: add modulo 2^64, notify only when the value changed, return the new value ---
+  uint64_t counterReceivedPacket() const { return counterReceivedPacket_; }
+  void counterReceivedPacketIs(uint64_t v) { counterReceivedPacket_ = v; }  // a statistic: never notifies
+  uint64_t counterReceivedPacketInc(uint64_t n) { return counterReceivedPacket_ += n; }
+  uint64_t counterProcessedPacket() const { return counterProcessedPacket_; }
+  void counterProcessedPacketIs(uint64_t v) {
+    counterIs(counterProcessedPacket_, v, &Reactor::handleCounterProcessedPacket);
+  }
+  uint64_t counterProcessedPacketInc(uint64_t n) {
+    return counterIs(counterProcessedPacket_, counterProcessedPacket_ + n,
+                     &Reactor::handleCounterProcessedPacket);
+  }
+  uint64_t counterSentStartReport() const { return counterSentStartReport_; }
+  void counterSentStartReportIs(uint64_t v) {
+    counterIs(counterSentStartReport_, v, &Reactor::handleCounterSentStartReport);
+  }
+  uint64_t counterSentStartReportInc(uint64_t n) {
+    return counterIs(counterSentStartReport_, counterSentStartReport_ + n,
+                     &Reactor::handleCounterSentStartReport);
+  }
+  uint64_t counterSentStopReport() const { return counterSentStopReport_; }
+  void counterSentStopReportIs(uint64_t v) {
+    counterIs(counterSentStopReport_, v, &Reactor::handleCounterSentStopReport);
+  }
+  uint64_t counterSentStopReportInc(uint64_t n) {
+    return counterIs(counterSentStopReport_, counterSentStopReport_ + n,
+                     &Reactor::handleCounterSentStopReport);
+  }
+
+  // --- the time the sender's report timer fires next (seconds on the timer wheel's clock) ---
+  double timerReportTimeMin() const { return timerReportTimeMin_; }
+  void timerReportTimeMinIs(double t) {
+    if (t == timerReportTimeMin_) return;
+    timerReportTimeMin_ = t;
+    notify(&Reactor::handleTimerReportTimeMin);
+  }
+
+ private:
+  using Handler = void (Reactor::*)();
+
+  void flagIs(bool& flag, bool v, Handler handler) {
+    if (flag == v) return;
+    flag = v;
+    notify(handler);
+  }
+  // The pulse: every writer of a one-shot flag comes through here.
+  void pulse(bool& flag, Handler handler) {
+    flag = false;
+    flagIs(flag, true, handler);
+  }
+  uint64_t counterIs(uint64_t& counter, uint64_t v, Handler handler) {
+    if (counter == v) return v;
+    counter = v;
+    notify(handler);
+    return v;
+  }
+
+  bool isTogglingFeatureOff_ = false;
+  bool isTrackerChanged_ = false;
+  bool isInactiveIntervalUpdated_ = false;
+  bool isToggleFeatureOffReady_ = false;
+  bool isStopReport_ = false;
+  Calyx::Ptr<Report::Outbox> reportStartOutbox_;
+  Calyx::Ptr<Report::Outbox> reportStopOutbox_;
+  Emt::Key emtKey_;
+  Report::Report report_;
+  uint64_t counterReceivedPacket_ = 0;
+  uint64_t counterProcessedPacket_ = 0;
+  double timerReportTimeMin_ = 0.0;
+  Report::Key reportKey_;
+  uint64_t counterSentStartReport_ = 0;
+  uint64_t counterSentStopReport_ = 0;
+};
+
+}  // namespace MirrorOnDrop

@@ -1,0 +1,218 @@
+#pragma once
+// Per-flow report state. Report::Status is a pair of shared tables written by the dispatcher and read by the
+// sender: "entry" holds one entry per reported flow (what its START report said), "entryIntf" one counter per
+// interface (how many reported flows were first seen there). EntryOutbox (a batch: a set of flow keys) and
+// Outbox (a first-in first-out queue of batches) are the in-process queues through which the dispatcher hands
+// flows to the sender.
+
+#include <cstdint>
+#include <iosfwd>
+#include <map>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <unordered_set>
+
+#include "mirror_on_drop/MirrorOnDropType.h"
+#include "mirror_on_drop/MirrorOnDropTypeCommon.h"
+#include "platform/core/Entity.h"
+#include "platform/table/SharedTable.h"
+#include "platform/types/IntfId.h"
+
+namespace MirrorOnDrop::Report {
+
+using Calyx::IntfId;
+using Calyx::Ptr;
+
+// The flow's five-tuple: a flow key under its own type name.
+class Key : public FlowKey {
+ public:
+  Key() = default;
+  explicit Key(FlowKey const& flow) : FlowKey(flow) {}
+  Key(uint8_t ipProto, IpGenAddr srcIp, IpGenAddr dstIp, uint16_t srcPort, uint16_t dstPort)
+      : FlowKey(ipProto, srcIp, dstIp, srcPort, dstPort) {}
+  explicit Key(std::string_view text) : FlowKey(text, "MirrorOnDrop::Report::Key") {}
+  std::string valueToStrep() const { return strep("MirrorOnDrop::Report::Key"); }
+};
+
+class Entry {
+ public:
+  Entry() = default;
+  explicit Entry(Key const& key) : key_(key) {}
+  Key const& key() const { return key_; }
+  bool operator==(Entry const& o) const { return key_ == o.key_; }
+
+ protected:
+  Key key_;
+};
+
+class EntryStatus : public Entry {
+ public:
+  EntryStatus() = default;
+  EntryStatus(Key const& key, ReportType type, Report const& report)
+      : Entry(key), type_(type), report_(report) {}
+  explicit EntryStatus(std::string_view text);
+  ReportType type() const { return type_; }
+  Report const& report() const { return report_; }
+  void typeIs(ReportType t) { type_ = t; }
+  void reportIs(Report const& r) { report_ = r; }
+  bool operator==(EntryStatus const& o) const {
+    return key_ == o.key_ && type_ == o.type_ && report_ == o.report_;
+  }
+  std::string valueToStrep() const;
+
+ private:
+  ReportType type_ = ReportType::START;
+  Report report_;
+};
+
+namespace Interface {
+
+class Key {
+ public:
+  Key() = default;
+  explicit Key(IntfId const& intfId) : intfId_(intfId) {}
+  IntfId const& intfId() const { return intfId_; }
+  friend auto operator<=>(Key const&, Key const&) = default;
+  uint32_t hash() const { return intfId_.hash(); }
+
+ private:
+  IntfId intfId_;
+};
+
+class Entry {
+ public:
+  Entry() = default;
+  Entry(Key const& key, uint16_t countReport) : key_(key), countReport_(countReport) {}
+  explicit Entry(std::string_view text);
+  Key const& key() const { return key_; }
+  uint16_t countReport() const { return countReport_; }
+  void countReportIs(uint16_t n) { countReport_ = n; }
+  // Empty (false) only with no interface and a zero count.
+  explicit operator bool() const { return !key_.intfId().empty() || countReport_ != 0; }
+  bool operator==(Entry const& o) const { return key_ == o.key_ && countReport_ == o.countReport_; }
+  std::string valueToStrep() const;
+
+ private:
+  Key key_;
+  uint16_t countReport_ = 0;  // 16 bits: a 65,536th flow on one interface wraps it
+};
+
+std::ostream& operator<<(std::ostream& os, Key const& v);
+std::ostream& operator<<(std::ostream& os, Entry const& v);
+
+}  // namespace Interface
+
+std::ostream& operator<<(std::ostream& os, Key const& v);
+std::ostream& operator<<(std::ostream& os, EntryStatus const& v);
+
+}  // namespace MirrorOnDrop::Report
+
+template <>
+struct std::hash<MirrorOnDrop::Report::Key> {
+  size_t operator()(MirrorOnDrop::Report::Key const& k) const noexcept { return k.hash(); }
+};
+template <>
+struct std::hash<MirrorOnDrop::Report::Interface::Key> {
+  size_t operator()(MirrorOnDrop::Report::Interface::Key const& k) const noexcept { return k.hash(); }
+};
+
+namespace MirrorOnDrop::Report {
+
+// The two shared tables: "entry" (per flow) and "entryIntf" (per interface), published as <name>.entry and
+// <name>.entryIntf in the state directory.
+class Status : public Calyx::Object {
+ public:
+  using EntryTable = Calyx::SharedTable<Key, EntryStatus>;
+  using EntryIntfTable = Calyx::SharedTable<Interface::Key, Interface::Entry>;
+
+  explicit Status(std::string name);
+
+  std::string const& name() const { return name_; }
+  Ptr<EntryTable> const& entryControl() const { return entry_; }
+  Ptr<EntryIntfTable> const& entryIntfControl() const { return entryIntf_; }
+
+  bool entryIs(EntryStatus const& e) { return entry_->entryIs(e); }
+  bool entryDel(Key const& k) { return entry_->entryDel(k); }
+  void entryCommit(EntryStatus const& e) { entry_->entryCommit(e); }
+  void entryDelAll() { entry_->entryDelAll(); }
+  EntryStatus const* entry(Key const& k) const { return entry_->entry(k); }
+  size_t entryCount() const { return entry_->entryCount(); }
+
+  bool entryIntfIs(Interface::Entry const& e) { return entryIntf_->entryIs(e); }
+  bool entryIntfDel(Interface::Key const& k) { return entryIntf_->entryDel(k); }
+  void entryIntfCommit(Interface::Entry const& e) { entryIntf_->entryCommit(e); }
+  void entryIntfDelAll() { entryIntf_->entryDelAll(); }
+  Interface::Entry const* entryIntf(Interface::Key const& k) const { return entryIntf_->entry(k); }
+  size_t entryIntfCount() const { return entryIntf_->entryCount(); }
+
+ private:
+  std::string name_;
+  Ptr<EntryTable> entry_;
+  Ptr<EntryIntfTable> entryIntf_;
+};
+
+Ptr<Status> statusFactory(std::string const& name);
+
+// A batch of flows: a set of keys, no order the program relies on, no duplicates.
+class EntryOutbox : public Calyx::Object, public Calyx::Notifier<EntryOutbox> {
+ public:
+  class Reactor : public Calyx::ReactorBase<EntryOutbox> {
+   public:
+    using ReactorBase::ReactorBase;
+    virtual void handleEntry(Key const&) {}
+  };
+  using Set = std::unordered_set<Key>;
+
+  EntryOutbox() = default;
+  void entryIs(Key const& k);
+  void entryDel(Key const& k);
+  void entryDelAll();
+  bool entry(Key const& k) const { return keys_.count(k) > 0; }
+  size_t count() const { return keys_.size(); }
+  bool empty() const { return keys_.empty(); }
+  Set::const_iterator begin() const { return keys_.begin(); }
+  Set::const_iterator end() const { return keys_.end(); }
+
+  bool hasNotificationActive() const { return notificationActive_; }
+  void hasNotificationActiveIs(bool on) { notificationActive_ = on; }
+
+ private:
+  Set keys_;
+  bool notificationActive_ = true;
+};
+
+// A first-in first-out queue of batches. Each element has a sequence index; enqueueing gives the new element
+// the larger of the queue's next index and the tail's index plus one, and sets the next index to it.
+class Outbox : public Calyx::Object {
+ public:
+  Outbox() = default;
+
+  void entryEnq(Ptr<EntryOutbox> const& batch);
+  // The head batch, taken off the queue; null when the queue is empty.
+  Ptr<EntryOutbox> entryDeq();
+  Ptr<EntryOutbox> entryFront() const;
+  Ptr<EntryOutbox> entryBack() const;
+  // Sets the batch of the element with that index (made when absent); a null batch deletes the element.
+  void entryIs(uint32_t index, Ptr<EntryOutbox> const& batch);
+  void entryDel(uint32_t index);
+  void entryDelAll();
+  Ptr<EntryOutbox> entry(uint32_t index) const;
+
+  uint32_t headIndex() const { return headIndex_; }
+  uint32_t nextIndex() const { return nextIndex_; }
+  void nextIndexIs(uint32_t index) { nextIndex_ = index; }
+  uint64_t dequeued() const { return dequeued_; }
+  size_t size() const { return elements_.size(); }
+  bool empty() const { return elements_.empty(); }
+
+ private:
+  void headIndexUpdate();
+
+  std::map<uint32_t, Ptr<EntryOutbox>> elements_;  // by index: the head is the first
+  uint32_t headIndex_ = 0;
+  uint32_t nextIndex_ = 0;
+  uint64_t dequeued_ = 0;
+};
+
+}  // namespace MirrorOnDrop::Report

@@ -1,0 +1,99 @@
+#include "mirror_on_drop/MirrorOnDropType.h"
+
+#include <algorithm>
+#include <cstring>
+#include <ostream>
+#include <stdexcept>
+
+#include "mirror_on_drop/MirrorOnDropValueText.h"
+
+namespace MirrorOnDrop::Report {
+
+using Detail::ValueTextReader;
+using Detail::ValueTextWriter;
+
+std::string_view stringValue(ReportType type) {
+  return type == ReportType::STOP ? "STOP" : "START";
+}
+
+ReportType reportTypeFromString(std::string_view text) {
+  if (text == "START") return ReportType::START;
+  if (text == "STOP") return ReportType::STOP;
+  throw std::range_error("invalid report type '" + std::string(text) + "'");
+}
+
+std::ostream& operator<<(std::ostream& os, ReportType type) {
+  return os << stringValue(type);
+}
+
+Report::Report(Drop::Timestamp timestamp, Drop::Reason const& reason, uint8_t dataSize) {
+  timestampIs(timestamp);
+  reasonIs(reason);
+  dataSizeIs(dataSize);
+}
+
+Report::Report(std::string_view text) {
+  ValueTextReader r(text, "MirrorOnDrop::Report::Report", "timestamp");
+  timestampIs(Drop::Timestamp(r.number<uint64_t>("timestamp")));
+  std::string_view const reason = r.field("reason");
+  try {
+    reasonIs(Drop::Reason(reason));
+  } catch (std::range_error const&) {
+    ValueTextReader::fail("reason");
+  }
+  uint8_t const size = r.number<uint8_t>("dataSize");
+  if (size > kPayloadSize) ValueTextReader::fail("dataSize");
+  dataSizeIs(size);
+  r.end("dataSize");
+}
+
+Drop::Timestamp Report::timestamp() const {
+  uint64_t v = 0;
+  for (size_t i = 0; i < 8; ++i) v = v << 8 | bytes_[kTimestampOffset + i];
+  return Drop::Timestamp(v);
+}
+
+void Report::timestampIs(Drop::Timestamp t) {
+  uint64_t v = t.value();
+  for (size_t i = 8; i-- > 0; v >>= 8) bytes_[kTimestampOffset + i] = static_cast<uint8_t>(v);
+}
+
+// Drop::Reason already holds its words in network order: its bytes are the wire bytes.
+Drop::Reason Report::reason() const {
+  Drop::Reason r;
+  std::memcpy(&r, bytes_ + kReasonOffset, sizeof r);
+  return r;
+}
+
+void Report::reasonIs(Drop::Reason const& r) {
+  std::memcpy(bytes_ + kReasonOffset, &r, sizeof r);
+}
+
+void Report::dataSizeIs(uint8_t n) {
+  bytes_[kDataSizeOffset] = static_cast<uint8_t>(std::min<size_t>(n, kPayloadSize));
+}
+
+void Report::payloadIs(uint8_t const* data, size_t n) {
+  n = std::min(n, kPayloadSize);
+  std::memset(payload(), 0, kPayloadSize);
+  if (n) std::memcpy(payload(), data, n);
+  bytes_[kDataSizeOffset] = static_cast<uint8_t>(n);
+}
+
+bool Report::operator==(Report const& o) const {
+  return std::memcmp(bytes_, o.bytes_, kPayloadOffset) == 0;
+}
+
+std::string Report::valueToStrep() const {
+  return ValueTextWriter("MirrorOnDrop::Report::Report")
+      .field("timestamp", timestamp().value())
+      .field("reason", reason())
+      .field("dataSize", dataSize())
+      .str();
+}
+
+std::ostream& operator<<(std::ostream& os, Report const& r) {
+  return os << r.valueToStrep();
+}
+
+}  // namespace MirrorOnDrop::Report

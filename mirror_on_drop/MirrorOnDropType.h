@@ -1,0 +1,66 @@
+#pragma once
+// The stored drop report and its type. A Report::Report is held in the exact byte layout of a report packet's
+// body, every number already in network order, so the sender copies it into packets without conversion:
+//   offset 0   8 bytes  timestamp, big-endian
+//   offset 8  16 bytes  reason, four big-endian words
+//   offset 24  1 byte   dataSize: valid bytes of the sample (0 to 80)
+//   offset 25 80 bytes  sample: the first bytes of the dropped frame, zero beyond dataSize
+
+#include <cstdint>
+#include <iosfwd>
+#include <string>
+#include <string_view>
+
+#include "mirror_on_drop/MirrorOnDropTypeCommon.h"
+
+namespace MirrorOnDrop::Report {
+
+enum class ReportType : uint8_t { START = 0, STOP = 1 };
+
+std::string_view stringValue(ReportType type);
+// Throws std::range_error for anything but "START" and "STOP".
+ReportType reportTypeFromString(std::string_view text);
+std::ostream& operator<<(std::ostream& os, ReportType type);
+
+class Report {
+ public:
+  static constexpr size_t kTimestampOffset = 0;
+  static constexpr size_t kReasonOffset = 8;
+  static constexpr size_t kDataSizeOffset = 24;
+  static constexpr size_t kPayloadOffset = 25;
+  static constexpr size_t kPayloadSize = Constant::packetSampleSize();
+  static constexpr size_t kSize = kPayloadOffset + kPayloadSize;
+
+  Report() = default;
+  Report(Drop::Timestamp timestamp, Drop::Reason const& reason, uint8_t dataSize);
+  // From the text form; the sample is all zero (it is neither printed nor parsed).
+  explicit Report(std::string_view text);
+
+  Drop::Timestamp timestamp() const;  // host order
+  void timestampIs(Drop::Timestamp t);
+  Drop::Reason reason() const;
+  void reasonIs(Drop::Reason const& r);
+  uint8_t dataSize() const { return bytes_[kDataSizeOffset]; }
+  // A size beyond the sample area is cut to it.
+  void dataSizeIs(uint8_t n);
+  uint8_t const* payload() const { return bytes_ + kPayloadOffset; }
+  uint8_t* payload() { return bytes_ + kPayloadOffset; }
+  // Clears the sample, then copies n bytes (at most the sample size) and sets dataSize.
+  void payloadIs(uint8_t const* data, size_t n);
+
+  // The 105 bytes as they go into a report packet.
+  uint8_t const* bytes() const { return bytes_; }
+
+  // Timestamp, reason and dataSize; the sample is deliberately not compared: this is how the report tables
+  // tell that a report did not change.
+  bool operator==(Report const& o) const;
+  std::string valueToStrep() const;
+
+ private:
+  uint8_t bytes_[kSize] = {};
+};
+static_assert(sizeof(Report) == 105);
+
+std::ostream& operator<<(std::ostream& os, Report const& r);
+
+}  // namespace MirrorOnDrop::Report

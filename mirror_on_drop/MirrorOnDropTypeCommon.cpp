@@ -1,0 +1,242 @@
+#include "mirror_on_drop/MirrorOnDropTypeCommon.h"
+
+#include <arpa/inet.h>
+
+#include <cstdio>
+#include <cstring>
+#include <ostream>
+#include <tuple>
+
+#include "mirror_on_drop/MirrorOnDropValueText.h"
+#include "platform/core/EventLoop.h"
+#include "platform/types/Hash.h"
+
+namespace MirrorOnDrop {
+
+using Detail::ValueTextReader;
+using Detail::ValueTextWriter;
+
+namespace {
+
+IpGenAddr parseAddress(std::string_view text, std::string_view name) {
+  auto addr = IpGenAddr::parse(text);
+  if (!addr) ValueTextReader::fail(name);
+  return *addr;
+}
+
+uint64_t loadLittle(uint8_t const* p, size_t n) {
+  uint64_t v = 0;
+  for (size_t i = n; i-- > 0;) v = v << 8 | p[i];
+  return v;
+}
+
+void storeLittle(uint8_t* p, uint64_t v, size_t n) {
+  for (size_t i = 0; i < n; ++i, v >>= 8) p[i] = static_cast<uint8_t>(v);
+}
+
+}  // namespace
+
+// --- Constant ---
+
+Calyx::Clock const& Constant::Timer::activityClock() {
+  return Calyx::EventLoop::current()->clock();
+}
+
+Constant::Timer::Timer(std::string_view text) {
+  ValueTextReader r(text, "MirrorOnDrop::Constant::Timer", "granularity");
+  if (r.number<uint32_t>("granularity") != granularity()) ValueTextReader::fail("granularity");
+  if (r.number<uint32_t>("maxTicks") != maxTicks()) ValueTextReader::fail("maxTicks");
+  r.end("maxTicks");
+}
+
+std::string Constant::Timer::valueToStrep() const {
+  return ValueTextWriter("MirrorOnDrop::Constant::Timer")
+      .field("granularity", granularity())
+      .field("maxTicks", maxTicks())
+      .str();
+}
+
+Constant::Constant(std::string_view text) {
+  ValueTextReader r(text, "MirrorOnDrop::Constant", "vorlanModEthType");
+  if (r.number<uint16_t>("vorlanModEthType") != vorlanModEthType()) ValueTextReader::fail("vorlanModEthType");
+  if (r.number<uint8_t>("packetSampleSize") != packetSampleSize()) ValueTextReader::fail("packetSampleSize");
+  if (r.number<uint16_t>("tableCapacity") != tableCapacity()) ValueTextReader::fail("tableCapacity");
+  r.end("tableCapacity");
+}
+
+std::string Constant::valueToStrep() const {
+  return ValueTextWriter("MirrorOnDrop::Constant")
+      .field("vorlanModEthType", vorlanModEthType())
+      .field("packetSampleSize", packetSampleSize())
+      .field("tableCapacity", tableCapacity())
+      .str();
+}
+
+// --- Drop values ---
+
+namespace Drop {
+
+PacketSize::PacketSize(std::string_view text)
+    : value_(ValueTextReader::parseNumber<uint16_t>(text, "value")) {}
+
+Timestamp::Timestamp(std::string_view text) : value_(ValueTextReader::parseNumber<uint64_t>(text, "value")) {}
+
+Reason::Reason(uint32_t ctor_part0, uint32_t ctor_part1, uint32_t ctor_part2, uint32_t ctor_part3)
+    : partBE_{htonl(ctor_part0), htonl(ctor_part1), htonl(ctor_part2), htonl(ctor_part3)} {}
+
+Reason::Reason(std::string_view text) {
+  ValueTextReader r(text, "MirrorOnDrop::Drop::Reason", "partBE0");
+  static constexpr std::string_view names[] = {"partBE0", "partBE1", "partBE2", "partBE3"};
+  for (size_t i = 0; i < 4; ++i) partBE_[i] = htonl(r.number<uint32_t>(names[i]));
+  r.end("partBE3");
+}
+
+uint32_t Reason::part0() const {
+  return ntohl(partBE_[0]);
+}
+uint32_t Reason::part1() const {
+  return ntohl(partBE_[1]);
+}
+uint32_t Reason::part2() const {
+  return ntohl(partBE_[2]);
+}
+uint32_t Reason::part3() const {
+  return ntohl(partBE_[3]);
+}
+
+std::string Reason::stringValue() const {
+  char text[35];
+  std::snprintf(text, sizeof text, "0x%08x%08x%08x%08x", part0(), part1(), part2(), part3());
+  return text;
+}
+
+std::string Reason::valueToStrep() const {
+  return ValueTextWriter("MirrorOnDrop::Drop::Reason")
+      .field("partBE0", part0())
+      .field("partBE1", part1())
+      .field("partBE2", part2())
+      .field("partBE3", part3())
+      .str();
+}
+
+}  // namespace Drop
+
+// --- Header ---
+
+Header::Header(uint8_t const* bytes) {
+  std::memcpy(bytes_, bytes, kSize);
+}
+
+Header::Header(Drop::PacketSize packetSize, Drop::Timestamp timestamp, uint16_t typeOrLen) {
+  storeLittle(bytes_, packetSize.value(), 2);
+  storeLittle(bytes_ + 2, timestamp.value(), 8);
+  bytes_[10] = static_cast<uint8_t>(typeOrLen >> 8);
+  bytes_[11] = static_cast<uint8_t>(typeOrLen);
+}
+
+Header::Header(std::string_view text) {
+  ValueTextReader r(text, "MirrorOnDrop::Header", "packetSize");
+  auto const size = r.number<uint16_t>("packetSize");
+  auto const time = r.number<uint64_t>("timestamp");
+  auto const type = r.number<uint16_t>("typeOrLen");
+  r.end("typeOrLen");
+  *this = Header(Drop::PacketSize(size), Drop::Timestamp(time), type);
+}
+
+Drop::PacketSize Header::packetSize() const {
+  return Drop::PacketSize(static_cast<uint16_t>(loadLittle(bytes_, 2)));
+}
+Drop::Timestamp Header::timestamp() const {
+  return Drop::Timestamp(loadLittle(bytes_ + 2, 8));
+}
+uint16_t Header::typeOrLen() const {
+  return static_cast<uint16_t>(bytes_[10] << 8 | bytes_[11]);
+}
+
+std::string Header::valueToStrep() const {
+  return ValueTextWriter("MirrorOnDrop::Header")
+      .field("packetSize", packetSize().value())
+      .field("timestamp", timestamp().value())
+      .field("typeOrLen", typeOrLen())
+      .str();
+}
+
+// --- FlowKey ---
+
+FlowKey::FlowKey(std::string_view text) : FlowKey(text, "MirrorOnDrop::FlowKey") {}
+
+FlowKey::FlowKey(std::string_view text, std::string_view typeName) {
+  ValueTextReader r(text, typeName, "ipProto");
+  ipProto_ = r.number<uint8_t>("ipProto");
+  srcIp_ = parseAddress(r.field("srcIp"), "srcIp");
+  dstIp_ = parseAddress(r.field("dstIp"), "dstIp");
+  srcPort_ = r.number<uint16_t>("srcPort");
+  dstPort_ = r.number<uint16_t>("dstPort");
+  r.end("dstPort");
+}
+
+bool FlowKey::operator==(FlowKey const& o) const {
+  return ipProto_ == o.ipProto_ && srcIp_ == o.srcIp_ && dstIp_ == o.dstIp_ && srcPort_ == o.srcPort_ &&
+         dstPort_ == o.dstPort_;
+}
+
+bool FlowKey::operator<(FlowKey const& o) const {
+  return std::tie(ipProto_, srcIp_, dstIp_, srcPort_, dstPort_) <
+         std::tie(o.ipProto_, o.srcIp_, o.dstIp_, o.srcPort_, o.dstPort_);
+}
+
+uint32_t FlowKey::hash(uint32_t seed) const {
+  Calyx::IncrementalHash h(seed);
+  h.add8(ipProto_);
+  h.add32(srcIp_.hash());
+  h.add32(dstIp_.hash());
+  h.add16(srcPort_);
+  h.add16(dstPort_);
+  return h.value();
+}
+
+std::string FlowKey::strep(std::string_view typeName) const {
+  return ValueTextWriter(typeName)
+      .field("ipProto", ipProto_)
+      .field("srcIp", srcIp_)
+      .field("dstIp", dstIp_)
+      .field("srcPort", srcPort_)
+      .field("dstPort", dstPort_)
+      .str();
+}
+
+Calyx::SharedTableOptions Detail::sharedTableOptions() {
+  Calyx::SharedTableOptions options;
+  options.initialCapacity = Constant::tableCapacity();
+  return options;
+}
+
+std::string_view ipProtoName(uint8_t ipProto) {
+  if (ipProto == 6) return "TCP";
+  if (ipProto == 17) return "UDP";
+  return "unknown";
+}
+
+std::ostream& operator<<(std::ostream& os, Constant const& v) {
+  return os << v.valueToStrep();
+}
+std::ostream& operator<<(std::ostream& os, Constant::Timer const& v) {
+  return os << v.valueToStrep();
+}
+std::ostream& operator<<(std::ostream& os, Drop::PacketSize const& v) {
+  return os << v.valueToStrep();
+}
+std::ostream& operator<<(std::ostream& os, Drop::Timestamp const& v) {
+  return os << v.valueToStrep();
+}
+std::ostream& operator<<(std::ostream& os, Drop::Reason const& v) {
+  return os << v.valueToStrep();
+}
+std::ostream& operator<<(std::ostream& os, Header const& v) {
+  return os << v.valueToStrep();
+}
+std::ostream& operator<<(std::ostream& os, FlowKey const& v) {
+  return os << v.valueToStrep();
+}
+
+}  // namespace MirrorOnDrop

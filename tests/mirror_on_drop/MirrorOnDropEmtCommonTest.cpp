@@ -1,0 +1,91 @@
+#include <gtest/gtest.h>
+#include <stdlib.h>
+
+#include <filesystem>
+#include <stdexcept>
+#include <string>
+#include <vector>
+
+#include "mirror_on_drop/MirrorOnDropCollector.h"
+#include "mirror_on_drop/MirrorOnDropEmtCommon.h"
+#include "mirror_on_drop/MirrorOnDropReport.h"
+
+using namespace MirrorOnDrop;
+using Calyx::IntfId;
+using Calyx::IpGenAddr;
+
+namespace {
+
+// The feature's tables, made through their factories in a state directory of the test's own.
+class FeatureTablesTest : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    char dir[] = "/tmp/mod-tables-XXXXXX";
+    ASSERT_TRUE(mkdtemp(dir));
+    stateDir_ = dir;
+    setenv("CALYX_STATE_DIR", dir, 1);
+  }
+  void TearDown() override {
+    unsetenv("CALYX_STATE_DIR");
+    std::filesystem::remove_all(stateDir_);
+  }
+  static Emt::Key key(uint16_t port, char const* intf) {
+    return Emt::Key(FlowKey(17, *IpGenAddr::parse("10.0.0.1"), *IpGenAddr::parse("10.0.0.2"), port, 53),
+                    IntfId(intf));
+  }
+  std::string stateDir_;
+};
+
+TEST_F(FeatureTablesTest, EmtRowsKeyedByFlowThenInterface) {
+  auto config = Emt::configFactory("emtConfig");
+  EXPECT_TRUE(std::filesystem::exists(stateDir_ + "/emtConfig"));
+  config->entryIs(Emt::EntryConfig(key(2, "et1")));
+  config->entryIs(Emt::EntryConfig(key(1, "et2")));
+  config->entryIs(Emt::EntryConfig(key(1, "et1")));
+  EXPECT_FALSE(config->entryIs(Emt::EntryConfig(key(1, "et1"))));  // same row again: nothing changes
+  EXPECT_EQ(config->entryCount(), 3u);
+  std::vector<Emt::Key> order;
+  for (auto k = config->entryFirst(); k; k = config->entryNext(*k)) order.push_back(*k);
+  EXPECT_EQ(order, (std::vector<Emt::Key>{key(1, "et1"), key(1, "et2"), key(2, "et1")}));
+  EXPECT_FALSE(config->entryDel(key(9, "et1")));
+  config->entryDelAll();
+  EXPECT_EQ(config->entryCount(), 0u);
+  config->entryDelAll();
+}
+
+TEST_F(FeatureTablesTest, EmtTextForms) {
+  Emt::EntryStatus const s(key(7, "Ethernet4"), true);
+  EXPECT_EQ(Emt::EntryStatus(s.valueToStrep()), s);
+  EXPECT_EQ(Emt::Key(key(7, "et1").valueToStrep()), key(7, "et1"));
+  EXPECT_NE(key(1, "et1").hash(), key(1, "et2").hash());
+  std::string text = s.valueToStrep();
+  text.replace(text.find("True"), 4, "Maybe");
+  EXPECT_THROW(Emt::EntryStatus{std::string_view(text)}, std::range_error);
+}
+
+TEST_F(FeatureTablesTest, ReportStatusPublishesBothTables) {
+  auto status = Report::statusFactory("reportStatus");
+  Report::Key const flow(key(1, "et1").flowKey());
+  status->entryIs(Report::EntryStatus(flow, Report::ReportType::START, Report::Report()));
+  status->entryIntfIs(Report::Interface::Entry(Report::Interface::Key(IntfId("et1")), 1));
+  EXPECT_TRUE(std::filesystem::exists(stateDir_ + "/reportStatus.entry"));
+  EXPECT_TRUE(std::filesystem::exists(stateDir_ + "/reportStatus.entryIntf"));
+  // A new writer over the same segments sees what the previous one left.
+  status.reset();
+  auto again = Report::statusFactory("reportStatus");
+  ASSERT_NE(again->entry(flow), nullptr);
+  EXPECT_EQ(again->entryIntf(Report::Interface::Key(IntfId("et1")))->countReport(), 1);
+}
+
+TEST_F(FeatureTablesTest, CollectorClearKeepsKeys) {
+  auto status = Collector::statusFactory("collectorStatus");
+  Collector::Key const a("exp", "c1"), b("exp", "c2");
+  status->entryIs(Collector::EntryStatus(a, 131, 1, 0));
+  status->entryIs(Collector::EntryStatus(b, 262, 1, 1));
+  for (auto k = status->entryFirst(); k; k = status->entryNext(*k))
+    status->entryIs(Collector::EntryStatus(*k));
+  EXPECT_EQ(status->entryCount(), 2u);
+  EXPECT_EQ(*status->entry(b), Collector::EntryStatus(b));
+}
+
+}  // namespace
