@@ -1,0 +1,84 @@
+#pragma once
+// IncrementalHash: a 32-bit hash fed piece by piece, for value types that hash several fields in turn.
+//
+// The mixing is MurmurHash3 (x86, 32-bit): bytes are taken four at a time as little-endian blocks, the last
+// partial block and the total length are folded in, and value() ends with the avalanche step. Feeding the
+// same bytes in any split (one add() or many add8()) gives the same value, and the same bytes give the same
+// value on every host. add16()/add32() feed the number's bytes in host memory order, so their results differ
+// between little- and big-endian hosts; nothing here is meant to travel between hosts of different byte
+// order.
+//
+// stringHash() is the platform's stable string hash: the same text gives the same value in every process and
+// run, so it may be stored (for example in shared-memory tables).
+
+#include <cstddef>
+#include <cstdint>
+#include <string_view>
+
+namespace Calyx {
+
+class IncrementalHash {
+ public:
+  explicit IncrementalHash(uint32_t seed = 0) : h_(seed) {}
+
+  void add(void const* data, size_t n) {
+    auto const* p = static_cast<uint8_t const*>(data);
+    length_ += static_cast<uint32_t>(n);
+    for (; n > 0 && tailBytes_ != 0; --n) addTailByte(*p++);
+    for (; n >= 4; n -= 4, p += 4) mixBlock(loadLittle32(p));
+    for (; n > 0; --n) addTailByte(*p++);
+  }
+  void add8(uint8_t v) { add(&v, 1); }
+  void add16(uint16_t v) { add(&v, 2); }
+  void add32(uint32_t v) { add(&v, 4); }
+
+  // The hash of everything added so far; adding more afterwards is allowed.
+  uint32_t value() const {
+    uint32_t h = h_;
+    if (tailBytes_ != 0) h ^= scramble(tail_);
+    h ^= length_;
+    return avalanche(h);
+  }
+
+ private:
+  static constexpr uint32_t kC1 = 0xcc9e2d51;
+  static constexpr uint32_t kC2 = 0x1b873593;
+
+  static uint32_t rotl(uint32_t x, int r) { return (x << r) | (x >> (32 - r)); }
+  static uint32_t loadLittle32(uint8_t const* p) {
+    return uint32_t(p[0]) | uint32_t(p[1]) << 8 | uint32_t(p[2]) << 16 | uint32_t(p[3]) << 24;
+  }
+  static uint32_t scramble(uint32_t k) { return rotl(k * kC1, 15) * kC2; }
+  static uint32_t avalanche(uint32_t h) {
+    h ^= h >> 16;
+    h *= 0x85ebca6b;
+    h ^= h >> 13;
+    h *= 0xc2b2ae35;
+    h ^= h >> 16;
+    return h;
+  }
+  void mixBlock(uint32_t k) {
+    h_ ^= scramble(k);
+    h_ = rotl(h_, 13) * 5 + 0xe6546b64;
+  }
+  void addTailByte(uint8_t b) {
+    tail_ |= uint32_t(b) << (8 * tailBytes_);
+    if (++tailBytes_ < 4) return;
+    mixBlock(tail_);
+    tail_ = 0;
+    tailBytes_ = 0;
+  }
+
+  uint32_t h_;
+  uint32_t tail_ = 0;       // the bytes of the unfinished block, little-endian
+  uint32_t tailBytes_ = 0;  // 0 to 3
+  uint32_t length_ = 0;     // bytes added, modulo 2^32
+};
+
+inline uint32_t stringHash(std::string_view s) {
+  IncrementalHash h;
+  h.add(s.data(), s.size());
+  return h.value();
+}
+
+}  // namespace Calyx

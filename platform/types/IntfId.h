@@ -1,0 +1,61 @@
+#pragma once
+// IntfId: the name of a network interface ("Ethernet12", "Port-Channel3", "eth0") as a fixed-size value that
+// can live in shared-memory table slots.
+//
+// Limits: at most 31 characters (a Linux interface name needs at most 15), each printable ASCII other than
+// blank, so the name is its own text form and survives a round trip through traces. The empty name is the
+// default and means "no interface". Two ways in:
+//   - parse(text) returns nullopt for a bad name and, when asked, says what is wrong (for input from
+//   outside);
+//   - the constructor from text throws std::invalid_argument with the same message (for names the program
+//   knows).
+// Ordering is plain byte order of the names ("Ethernet10" < "Ethernet2"), consistent with equality and hash.
+
+#include <compare>
+#include <cstddef>
+#include <cstdint>
+#include <functional>
+#include <iosfwd>
+#include <optional>
+#include <string_view>
+
+#include "platform/types/String.h"
+
+namespace Calyx {
+
+class IntfId {
+ public:
+  static constexpr size_t kMaxLength = 31;
+
+  IntfId() = default;
+  // Throws std::invalid_argument when the name breaks the limits above.
+  explicit IntfId(std::string_view name);
+
+  std::string_view name() const { return std::string_view(name_, length()); }
+  // A compact form for traces: "Ethernet12" -> "Et12", "Port-Channel3" -> "Po3"; any other name unchanged.
+  String shortName() const;
+  bool empty() const { return name_[0] == '\0'; }
+  explicit operator bool() const { return !empty(); }
+
+  friend auto operator<=>(IntfId const&, IntfId const&) = default;
+  uint32_t hash(uint32_t seed = 0) const;
+  String stringValue() const { return String(name()); }
+  static std::optional<IntfId> parse(std::string_view text, String* error = nullptr);
+
+ private:
+  size_t length() const;
+
+  char name_[kMaxLength + 1] =
+      {};  // zero-filled after the name, so the defaulted comparisons see only the name
+};
+
+static_assert(sizeof(IntfId) == 32);
+
+std::ostream& operator<<(std::ostream& os, IntfId const& i);
+
+}  // namespace Calyx
+
+template <>
+struct std::hash<Calyx::IntfId> {
+  size_t operator()(Calyx::IntfId const& i) const noexcept { return i.hash(); }
+};

@@ -1,0 +1,55 @@
+#include "platform/types/IpGenAddr.h"
+
+#include <gtest/gtest.h>
+
+namespace Calyx {
+namespace {
+
+IpGenAddr addr(std::string_view text) {
+  return *IpGenAddr::parse(text);
+}
+
+TEST(IpGenAddrFamily, EachFormGivesZeroForTheOtherFamily) {
+  IpGenAddr v4 = addr("10.0.0.1");
+  IpGenAddr v6 = addr("2001:db8::1");
+  EXPECT_TRUE(v4.isV4());
+  EXPECT_EQ(static_cast<int>(v4.af()), 1);
+  EXPECT_EQ(v4.v4(), Ip4Addr::fromHost(0x0a000001));
+  EXPECT_TRUE(v4.v6().isZero());
+  EXPECT_TRUE(v6.isV6());
+  EXPECT_TRUE(v6.v4().isZero());
+  EXPECT_EQ(v6.v6(), *Ip6Addr::parse("2001:db8::1"));
+  EXPECT_TRUE(IpGenAddr().v4().isZero() && IpGenAddr().v6().isZero());
+}
+
+TEST(IpGenAddrFamily, BytesAreNetworkOrderOfTheFamilyLength) {
+  IpGenAddr a4 = addr("10.1.2.3"), a6 = addr("2001:db8::1"), none;
+  ASSERT_EQ(a4.bytes().size(), 4u);
+  EXPECT_EQ(a4.bytes()[0], 10);
+  ASSERT_EQ(a6.bytes().size(), 16u);
+  EXPECT_EQ(a6.bytes()[15], 1);
+  EXPECT_TRUE(none.bytes().empty());
+}
+
+TEST(IpGenAddrOrder, FamilyFirstThenNumericAddress) {
+  EXPECT_LT(IpGenAddr(), addr("0.0.0.0"));
+  EXPECT_LT(addr("255.255.255.255"), addr("::"));
+  EXPECT_LT(addr("9.255.255.255"), addr("10.0.0.0"));
+  EXPECT_LT(addr("10.0.0.2"), addr("10.0.0.10"));
+  EXPECT_LT(addr("2001:db8::2"), addr("2001:db8::10"));
+  EXPECT_EQ(addr("2001:DB8:0:0:0:0:0:1"), addr("2001:db8::1"));
+}
+
+TEST(IpGenAddrHash, OneByteApartHashesApart) {
+  IpGenAddr base = addr("10.0.0.1");
+  for (uint32_t bit = 0; bit < 32; bit += 8) {
+    IpGenAddr other = Ip4Addr::fromHost(0x0a000001 ^ (1u << bit));
+    EXPECT_NE(other.hash(), base.hash()) << "bit " << bit;
+  }
+  // The family takes part: an IPv6 address starting with the same bytes is a different key.
+  EXPECT_NE(addr("a00:1::").hash(), base.hash());
+  EXPECT_NE(base.hash(1), base.hash());
+}
+
+}  // namespace
+}  // namespace Calyx
