@@ -1,0 +1,351 @@
+// mod-collector, driven as a program: it listens on loopback ports it picks itself, the test sends it report
+// datagrams and reads what it prints through pipes.
+
+#include <arpa/inet.h>
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <netinet/in.h>
+#include <poll.h>
+#include <spawn.h>
+#include <sys/socket.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <csignal>
+#include <cstdlib>
+#include <cstring>
+#include <optional>
+#include <string>
+#include <vector>
+
+extern char** environ;
+
+namespace {
+
+using Bytes = std::vector<uint8_t>;
+
+// Lines of one pipe, read with a deadline so that a collector that prints nothing fails the test instead of
+// hanging.
+class LineReader {
+ public:
+  explicit LineReader(int fd) : fd_(fd) {}
+  std::optional<std::string> line(int timeoutMs = 5000) {
+    for (;;) {
+      size_t const nl = buf_.find('\n');
+      if (nl != std::string::npos) {
+        std::string l = buf_.substr(0, nl);
+        buf_.erase(0, nl + 1);
+        return l;
+      }
+      if (eof_) return std::nullopt;
+      pollfd p{fd_, POLLIN, 0};
+      if (poll(&p, 1, timeoutMs) != 1) return std::nullopt;
+      char chunk[4096];
+      ssize_t const n = read(fd_, chunk, sizeof chunk);
+      if (n <= 0) eof_ = true;
+      if (n > 0) buf_.append(chunk, static_cast<size_t>(n));
+    }
+  }
+  // Every line left until the writer closes the pipe.
+  std::vector<std::string> rest() {
+    std::vector<std::string> lines;
+    while (auto l = line()) lines.push_back(*l);
+    return lines;
+  }
+
+ private:
+  int fd_;
+  std::string buf_;
+  bool eof_ = false;
+};
+
+class Collector {
+ public:
+  explicit Collector(std::vector<std::string> args) {
+    int out[2], err[2];
+    EXPECT_EQ(pipe2(out, O_CLOEXEC), 0);
+    EXPECT_EQ(pipe2(err, O_CLOEXEC), 0);
+    posix_spawn_file_actions_t actions;
+    posix_spawn_file_actions_init(&actions);
+    posix_spawn_file_actions_adddup2(&actions, out[1], 1);
+    posix_spawn_file_actions_adddup2(&actions, err[1], 2);
+    std::string const program = programPath();
+    args.insert(args.begin(), program);
+    std::vector<char*> argv;
+    for (auto& a : args) argv.push_back(a.data());
+    argv.push_back(nullptr);
+    int const rc = posix_spawnp(&pid_, program.c_str(), &actions, nullptr, argv.data(), environ);
+    posix_spawn_file_actions_destroy(&actions);
+    EXPECT_EQ(rc, 0) << "cannot start " << program;
+    close(out[1]);
+    close(err[1]);
+    outFd_ = out[0];
+    errFd_ = err[0];
+    outLines_ = LineReader(outFd_);
+    errLines_ = LineReader(errFd_);
+  }
+  ~Collector() {
+    if (pid_ > 0) {
+      kill(pid_, SIGKILL);
+      waitpid(pid_, nullptr, 0);
+    }
+    close(outFd_);
+    close(errFd_);
+  }
+
+  // Reads the "listening on ADDR:PORT" lines, one per --listen; returns the ports in order.
+  std::vector<uint16_t> ports(size_t n) {
+    std::vector<uint16_t> ports;
+    while (ports.size() < n) {
+      auto l = errLines_.line();
+      if (!l) break;
+      size_t const colon = l->rfind(':');
+      if (l->rfind("listening on ", 0) == 0 && colon != std::string::npos) {
+        ports.push_back(static_cast<uint16_t>(std::stoi(l->substr(colon + 1))));
+      }
+    }
+    return ports;
+  }
+  LineReader& stdoutLines() { return outLines_; }
+  LineReader& stderrLines() { return errLines_; }
+  void signal(int signo) { kill(pid_, signo); }
+  // The exit status once the program ends (after its pipes reached their end).
+  int exitCode() {
+    int status = 0;
+    waitpid(pid_, &status, 0);
+    pid_ = -1;
+    return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
+  }
+
+ private:
+  static std::string programPath() {
+    char const* build = std::getenv("CALYX_BUILD_DIR");
+    if (build) {
+      std::string p = std::string(build) + "/tools/mod-collector";
+      if (access(p.c_str(), X_OK) == 0) return p;
+    }
+    return "mod-collector";  // from PATH
+  }
+
+  pid_t pid_ = -1;
+  int outFd_ = -1;
+  int errFd_ = -1;
+  LineReader outLines_{-1};
+  LineReader errLines_{-1};
+};
+
+bool send(int af, uint16_t port, Bytes const& datagram, uint16_t* fromPort = nullptr) {
+  int const fd = socket(af, SOCK_DGRAM | SOCK_CLOEXEC, 0);
+  sockaddr_storage to{};
+  socklen_t len;
+  if (af == AF_INET6) {
+    auto* a = reinterpret_cast<sockaddr_in6*>(&to);
+    a->sin6_family = AF_INET6;
+    a->sin6_addr = in6addr_loopback;
+    a->sin6_port = htons(port);
+    len = sizeof *a;
+  } else {
+    auto* a = reinterpret_cast<sockaddr_in*>(&to);
+    a->sin_family = AF_INET;
+    a->sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    a->sin_port = htons(port);
+    len = sizeof *a;
+  }
+  bool const ok = sendto(fd, datagram.data(), datagram.size(), 0, reinterpret_cast<sockaddr*>(&to), len) ==
+                  static_cast<ssize_t>(datagram.size());
+  if (fromPort) {
+    sockaddr_storage self{};
+    socklen_t selfLen = sizeof self;
+    getsockname(fd, reinterpret_cast<sockaddr*>(&self), &selfLen);
+    *fromPort = ntohs(af == AF_INET6 ? reinterpret_cast<sockaddr_in6*>(&self)->sin6_port
+                                     : reinterpret_cast<sockaddr_in*>(&self)->sin_port);
+  }
+  close(fd);
+  return ok;
+}
+
+bool ipv6LoopbackUsable() {
+  int const fd = socket(AF_INET6, SOCK_DGRAM, 0);
+  sockaddr_in6 a{};
+  a.sin6_family = AF_INET6;
+  a.sin6_addr = in6addr_loopback;
+  bool const ok = fd >= 0 && bind(fd, reinterpret_cast<sockaddr*>(&a), sizeof a) == 0;
+  if (fd >= 0) close(fd);
+  return ok;
+}
+
+void put16(Bytes& b, uint16_t v) {
+  b.push_back(uint8_t(v >> 8));
+  b.push_back(uint8_t(v));
+}
+void put32(Bytes& b, uint32_t v) {
+  put16(b, uint16_t(v >> 16));
+  put16(b, uint16_t(v));
+}
+void putBytes(Bytes& b, std::initializer_list<uint8_t> v) {
+  b.insert(b.end(), v);
+}
+
+// A report: type, timestamp, four reason words, then the sample with its size byte in front.
+Bytes report(uint8_t type, uint64_t ts, std::array<uint32_t, 4> reason, Bytes const& sample) {
+  Bytes b{type};
+  put32(b, uint32_t(ts >> 32));
+  put32(b, uint32_t(ts));
+  for (uint32_t w : reason) put32(b, w);
+  b.push_back(static_cast<uint8_t>(sample.size()));
+  b.insert(b.end(), sample.begin(), sample.end());
+  return b;
+}
+
+// Ethernet 02:00:00:00:00:01 <- 02:00:00:00:00:02, VLANs 100 and 200, IPv4 TCP 10.0.0.1:1234 -> 10.0.0.2:80.
+Bytes ipv4TcpSample() {
+  Bytes s;
+  putBytes(s, {2, 0, 0, 0, 0, 1, 2, 0, 0, 0, 0, 2});
+  put16(s, 0x8100);
+  put16(s, 0x2064);  // priority 1, id 100
+  put16(s, 0x8100);
+  put16(s, 200);
+  put16(s, 0x0800);
+  putBytes(s, {0x45, 0, 0, 40, 0, 0, 0x40, 0, 64, 6, 0, 0, 10, 0, 0, 1, 10, 0, 0, 2});
+  put16(s, 1234);
+  put16(s, 80);
+  putBytes(s, {0, 0, 0, 1, 0, 0, 0, 0});  // the rest of the TCP header, cut short
+  return s;
+}
+
+// Ethernet, IPv6 with a hop-by-hop header in front of UDP 2001:db8::1:5353 -> 2001:db8::2:53.
+Bytes ipv6UdpSample() {
+  Bytes s;
+  putBytes(s, {0x33, 0x33, 0, 0, 0, 1, 2, 0, 0, 0, 0, 3});
+  put16(s, 0x86dd);
+  putBytes(s, {0x60, 0, 0, 0, 0, 16, 0 /*hop-by-hop*/, 64});
+  putBytes(s, {0x20, 0x01, 0x0d, 0xb8, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 1});
+  putBytes(s, {0x20, 0x01, 0x0d, 0xb8, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 2});
+  putBytes(s, {17, 0, 1, 4, 0, 0, 0, 0});  // hop-by-hop: next UDP, 8 bytes
+  put16(s, 5353);
+  put16(s, 53);
+  put16(s, 8);
+  return s;
+}
+
+TEST(ModCollectorTest, ReportsOfBothFamiliesDecodeToTheDocumentedJson) {
+  bool const v6 = ipv6LoopbackUsable();
+  std::vector<std::string> args = {"--listen", "127.0.0.1:0", "--json", "--count", v6 ? "3" : "2"};
+  if (v6) args.insert(args.end(), {"--listen", "[::1]:0"});
+  Collector c(args);
+  auto ports = c.ports(v6 ? 2 : 1);
+  ASSERT_EQ(ports.size(), v6 ? 2u : 1u);
+
+  uint16_t from = 0;
+  ASSERT_TRUE(send(AF_INET, ports[0], report(0, 0x0102030405060708, {1, 2, 3, 255}, ipv4TcpSample()), &from));
+  EXPECT_EQ(c.stdoutLines().line(),
+            "{\"type\":\"START\",\"timestamp\":72623859790382856,"
+            "\"reason\":\"0x000000010000000200000003000000ff\",\"data_size\":54,"
+            "\"dst_mac\":\"02:00:00:00:00:01\",\"src_mac\":\"02:00:00:00:00:02\",\"ethertype\":33024,"
+            "\"vlans\":[100,200],\"flow\":{\"ip_proto\":6,\"src_ip\":\"10.0.0.1\",\"dst_ip\":\"10.0.0.2\","
+            "\"src_port\":1234,\"dst_port\":80},\"from\":\"127.0.0.1:" +
+                std::to_string(from) + "\"}");
+
+  ASSERT_TRUE(send(AF_INET, ports[0], report(0, 7, {0, 0, 0, 0}, {}), &from));
+  EXPECT_EQ(c.stdoutLines().line(),
+            "{\"type\":\"START\",\"timestamp\":7,\"reason\":\"0x00000000000000000000000000000000\","
+            "\"data_size\":0,\"from\":\"127.0.0.1:" +
+                std::to_string(from) + "\"}");
+
+  if (v6) {
+    ASSERT_TRUE(send(AF_INET6, ports[1], report(1, 9, {0, 0, 0, 0x80000000}, ipv6UdpSample()), &from));
+    EXPECT_EQ(c.stdoutLines().line(),
+              "{\"type\":\"STOP\",\"timestamp\":9,\"reason\":\"0x00000000000000000000000080000000\","
+              "\"data_size\":68,\"dst_mac\":\"33:33:00:00:00:01\",\"src_mac\":\"02:00:00:00:00:03\","
+              "\"ethertype\":34525,\"vlans\":[],\"flow\":{\"ip_proto\":17,\"src_ip\":\"2001:db8::1\","
+              "\"dst_ip\":\"2001:db8::2\",\"src_port\":5353,\"dst_port\":53},\"from\":\"[::1]:" +
+                  std::to_string(from) + "\"}");
+  }
+
+  EXPECT_EQ(c.stdoutLines().rest(), std::vector<std::string>{});
+  std::string const summary = c.stderrLines().rest().at(0);
+  EXPECT_EQ(summary, v6 ? "summary: 3 reports (START 2, STOP 1), 0 rejected"
+                        : "summary: 2 reports (START 2, STOP 0), 0 rejected");
+  EXPECT_EQ(c.exitCode(), 0);
+}
+
+TEST(ModCollectorTest, MalformedDatagramsAreReportedOnStderrOnly) {
+  Collector c({"--listen", "127.0.0.1:0", "--json", "--count", "1"});
+  auto ports = c.ports(1);
+  ASSERT_EQ(ports.size(), 1u);
+
+  Bytes wrongLength = report(0, 1, {}, Bytes(10, 0));
+  wrongLength.resize(wrongLength.size() + 4);
+  Bytes tooLarge = report(0, 1, {}, Bytes(81, 0));
+  std::vector<Bytes> bad = {Bytes(10, 0), wrongLength, report(2, 1, {}, {}), tooLarge, Bytes(25, 0)};
+  for (Bytes const& d : bad) ASSERT_TRUE(send(AF_INET, ports[0], d));
+  ASSERT_TRUE(send(AF_INET, ports[0], report(1, 5, {}, {})));
+
+  std::vector<std::string> out = c.stdoutLines().rest();
+  ASSERT_EQ(out.size(), 1u);
+  EXPECT_EQ(out[0].rfind("{\"type\":\"STOP\",\"timestamp\":5,", 0), 0u) << out[0];
+
+  std::vector<std::string> err = c.stderrLines().rest();
+  std::vector<std::string> kinds;
+  for (std::string const& l : err) {
+    if (l.rfind("rejected datagram from 127.0.0.1:", 0) == 0) kinds.push_back(l.substr(l.find(": ") + 2));
+  }
+  EXPECT_EQ(kinds, (std::vector<std::string>{
+                       "short datagram: 10 bytes, a report has at least 26",
+                       "wrong length: 40 bytes, data size 10 needs 36",
+                       "bad report type: 2, expected 0 (START) or 1 (STOP)",
+                       "data size too large: 81, at most 80",
+                       "short datagram: 25 bytes, a report has at least 26",
+                   }));
+  ASSERT_FALSE(err.empty());
+  EXPECT_NE(std::find(err.begin(), err.end(), "summary: 1 reports (START 0, STOP 1), 5 rejected"), err.end());
+  EXPECT_EQ(c.exitCode(), 0);
+}
+
+TEST(ModCollectorTest, ReadableLinesAndStopByDuration) {
+  Collector c({"--listen", "127.0.0.1:0", "--duration", "0.5"});
+  auto ports = c.ports(1);
+  ASSERT_EQ(ports.size(), 1u);
+  Bytes cut = ipv4TcpSample();
+  cut.resize(14 + 8 + 20 + 2);  // the ports are cut in half: the flow keeps its addresses, ports 0
+  ASSERT_TRUE(send(AF_INET, ports[0], report(0, 42, {0, 0, 0, 1}, cut)));
+  auto line = c.stdoutLines().line();
+  ASSERT_TRUE(line);
+  EXPECT_NE(line->find("START"), std::string::npos) << *line;
+  EXPECT_NE(line->find("ts=42"), std::string::npos) << *line;
+  EXPECT_NE(line->find("vlans=100,200"), std::string::npos) << *line;
+  EXPECT_NE(line->find("flow=TCP 10.0.0.1:0 -> 10.0.0.2:0"), std::string::npos) << *line;
+
+  EXPECT_TRUE(c.stdoutLines().rest().empty());  // ends by itself
+  std::vector<std::string> err = c.stderrLines().rest();
+  ASSERT_FALSE(err.empty());
+  EXPECT_EQ(err[0], "summary: 1 reports (START 1, STOP 0), 0 rejected");
+  EXPECT_EQ(err.at(2), "  TCP 10.0.0.1:0 -> 10.0.0.2:0: START 1, STOP 0");
+  EXPECT_EQ(c.exitCode(), 0);
+}
+
+TEST(ModCollectorTest, SigtermStopsItWithTheSummary) {
+  Collector c({"--listen", "127.0.0.1:0"});
+  ASSERT_EQ(c.ports(1).size(), 1u);
+  c.signal(SIGTERM);
+  std::vector<std::string> err = c.stderrLines().rest();
+  ASSERT_FALSE(err.empty());
+  EXPECT_EQ(err[0], "summary: 0 reports (START 0, STOP 0), 0 rejected");
+  EXPECT_EQ(c.exitCode(), 0);
+}
+
+TEST(ModCollectorTest, BadArgumentsFailWithAMessage) {
+  Collector bad({"--listen", "localhost"});
+  auto err = bad.stderrLines().rest();
+  ASSERT_FALSE(err.empty());
+  EXPECT_NE(err[0].find("--listen: bad address 'localhost'"), std::string::npos) << err[0];
+  EXPECT_EQ(bad.exitCode(), 2);
+
+  Collector help({"--help"});
+  auto out = help.stdoutLines().rest();
+  ASSERT_FALSE(out.empty());
+  EXPECT_EQ(out[0].rfind("usage: mod-collector --listen", 0), 0u);
+  EXPECT_EQ(help.exitCode(), 0);
+}
+
+}  // namespace
