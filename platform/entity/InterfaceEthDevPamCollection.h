@@ -1,0 +1,42 @@
+#pragma once
+// Interface::EthDevPamCollection: the packet-access modules that are open, one per interface.
+//
+// Written by the packet-access manager only; read by the state machines that consume frames. Reactors hear
+// handleIntfPam(intf) whenever the module of an interface appears, is replaced or goes away; they look it up
+// with intfPam(intf), which is null once it is gone. A reader keeps its own Ptr to a module as long as it
+// reads it.
+
+#include <cstddef>
+#include <optional>
+
+#include "platform/core/Entity.h"
+#include "platform/core/KeyedCollection.h"
+#include "platform/io/Pam.h"
+#include "platform/types/IntfId.h"
+
+namespace Calyx::Interface {
+
+class EthDevPamCollection : public Object, public Notifier<EthDevPamCollection> {
+ public:
+  class Reactor : public ReactorBase<EthDevPamCollection> {
+   public:
+    using ReactorBase::ReactorBase;
+    virtual void handleIntfPam(IntfId const& /*intfId*/) {}
+  };
+
+  // The interface's module, or null.
+  Ptr<Pam const> intfPam(IntfId const& intfId) const;
+  size_t intfPamCount() const { return intfPam_.count(); }
+  std::optional<IntfId> intfPamFirst() const { return intfPam_.first(); }
+  std::optional<IntfId> intfPamNext(IntfId const& after) const { return intfPam_.next(after); }
+
+  // A null module deletes the entry.
+  void intfPamIs(IntfId const& intfId, Ptr<Pam const> pam);
+  void intfPamDel(IntfId const& intfId);
+  void intfPamDelAll();
+
+ private:
+  KeyedCollection<IntfId, Ptr<Pam const>> intfPam_;
+};
+
+}  // namespace Calyx::Interface

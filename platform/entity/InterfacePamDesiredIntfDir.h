@@ -1,0 +1,42 @@
+#pragma once
+// Interface::PamDesiredIntfDir: the interfaces on which packet access is wanted.
+//
+// A state machine that wants to read an interface's frames sets its entry (intfDesiredIs(intf, true)); the
+// packet-access manager reacts, opens a Pam and publishes it in EthDevPamCollection. An entry set to false,
+// or deleted, withdraws the wish. Reactors hear handleIntfDesired(intf) for every key whose entry appeared,
+// changed or went away.
+
+#include <cstddef>
+#include <optional>
+
+#include "platform/core/Entity.h"
+#include "platform/core/KeyedCollection.h"
+#include "platform/types/IntfId.h"
+
+namespace Calyx::Interface {
+
+class PamDesiredIntfDir : public Object, public Notifier<PamDesiredIntfDir> {
+ public:
+  class Reactor : public ReactorBase<PamDesiredIntfDir> {
+   public:
+    using ReactorBase::ReactorBase;
+    virtual void handleIntfDesired(IntfId const& /*intfId*/) {}
+  };
+
+  // True when the entry exists and is set.
+  bool intfDesired(IntfId const& intfId) const;
+  bool intfDesiredHas(IntfId const& intfId) const { return intfDesired_.contains(intfId); }
+  size_t intfDesiredCount() const { return intfDesired_.count(); }
+  // Ordered walk by interface name; next() stays valid across changes made during the walk.
+  std::optional<IntfId> intfDesiredFirst() const { return intfDesired_.first(); }
+  std::optional<IntfId> intfDesiredNext(IntfId const& after) const { return intfDesired_.next(after); }
+
+  void intfDesiredIs(IntfId const& intfId, bool desired);
+  void intfDesiredDel(IntfId const& intfId);
+  void intfDesiredDelAll();
+
+ private:
+  KeyedCollection<IntfId, bool> intfDesired_;
+};
+
+}  // namespace Calyx::Interface

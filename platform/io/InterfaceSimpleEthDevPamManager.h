@@ -1,0 +1,118 @@
+#pragma once
+// Interface::SimpleEthDevPamManager: opens a Pam for every interface on which packet access is desired and
+// publishes it in EthDevPamCollection; closes and withdraws it when the desire goes.
+//
+// It reacts to PamDesiredIntfDir, but never opens or closes inside that notification: the interfaces that
+// changed are remembered and a task of the manager's ("PamManager:sync") brings the collection in line on the
+// next loop turn. So a reader that withdraws its wish from inside a handler never sees its module die under
+// it.
+//
+// The backend of each interface is chosen by a PamBackend: live capture by default (of the kernel device
+// named like the interface, or as given), pcap file replay (e.g. "replay FILE as interface et1"), or an
+// in-memory queue. The settings (socket filter program, read limit, bulk read, retry interval) are read when
+// a module is opened: set them before enabling. Changing the backend of an open interface reopens it. Nothing
+// is opened until enabledIs(true); disabling withdraws and closes every module, as does destroying the
+// manager.
+
+#include <cstdint>
+#include <map>
+#include <memory>
+#include <set>
+#include <string>
+
+#include "platform/core/EventLoop.h"
+#include "platform/core/Task.h"
+#include "platform/core/TimerWheel.h"
+#include "platform/entity/InterfaceEthDevPamCollection.h"
+#include "platform/entity/InterfacePamDesiredIntfDir.h"
+#include "platform/io/Pam.h"
+
+namespace Calyx::Interface {
+
+struct PamBackend {
+  enum class Kind : uint8_t { liveCapture, pcapReplay, inMemory };
+  Kind kind = Kind::liveCapture;
+  std::string device;         // live capture: the kernel's interface name; empty: the interface's own name
+  std::string file;           // pcap replay: the capture file
+  bool recordedPace = false;  // pcap replay: keep the recorded gaps between frames
+
+  static PamBackend liveCapture(std::string device = {}) {
+    return {Kind::liveCapture, std::move(device), {}, false};
+  }
+  static PamBackend pcapReplay(std::string file, bool recordedPace = false) {
+    return {Kind::pcapReplay, {}, std::move(file), recordedPace};
+  }
+  static PamBackend inMemory() { return {Kind::inMemory, {}, {}, false}; }
+  friend bool operator==(PamBackend const&, PamBackend const&) = default;
+};
+
+class SimpleEthDevPamManager : public Object {
+ public:
+  static constexpr uint32_t kDefaultReadLimit = 64;
+
+  SimpleEthDevPamManager(EventLoop& loop, Ptr<PamDesiredIntfDir const> desired,
+                         Ptr<EthDevPamCollection> collection);
+
+  // Settings for the modules opened from now on.
+  std::string const& socketFilter() const { return socketFilter_; }
+  void socketFilterIs(std::string filter) { socketFilter_ = std::move(filter); }
+  uint32_t readLimit() const { return readLimit_; }
+  void readLimitIs(uint32_t limit) { readLimit_ = limit == 0 ? 1 : limit; }
+  bool bulkRead() const { return bulkRead_; }
+  void bulkReadIs(bool bulk) { bulkRead_ = bulk; }
+  double retryInterval() const { return retryInterval_; }
+  void retryIntervalIs(double seconds) { retryInterval_ = seconds; }
+
+  bool enabled() const { return enabled_; }
+  void enabledIs(bool enabled);
+
+  // The backend of an interface: its own if set, else the default.
+  PamBackend backend(IntfId const& intfId) const;
+  void backendIs(IntfId const& intfId, PamBackend backend);
+  void backendDel(IntfId const& intfId);
+  PamBackend const& defaultBackend() const { return defaultBackend_; }
+  void defaultBackendIs(PamBackend backend);
+
+  // The module opened for an interface (null when none), writable: tests feed an in-memory one through it.
+  Ptr<Pam> pam(IntfId const& intfId) const;
+  size_t pamCount() const { return opened_.size(); }
+
+ protected:
+  ~SimpleEthDevPamManager() override;
+
+ private:
+  class DesiredReactor;
+  class SyncReactor;
+  struct Opened {
+    PamBackend backend;
+    Ptr<Pam> pam;
+  };
+
+  void changed(IntfId const& intfId);
+  void changedAll();
+  void sync();
+  void syncIntf(IntfId const& intfId);
+  Ptr<Pam> pamNew(IntfId const& intfId, PamBackend const& backend);
+  void close(IntfId const& intfId);
+
+  EventLoop* loop_;
+  Ptr<PamDesiredIntfDir const> desired_;
+  Ptr<EthDevPamCollection> collection_;
+  Ptr<TimerWheel> wheel_;
+  Ptr<Task> syncTask_;
+  std::unique_ptr<DesiredReactor> desiredReactor_;
+  std::unique_ptr<SyncReactor> syncReactor_;
+
+  std::string socketFilter_ = "ether proto 0x1042";
+  uint32_t readLimit_ = kDefaultReadLimit;
+  bool bulkRead_ = true;
+  double retryInterval_ = 5.0;
+  bool enabled_ = false;
+  PamBackend defaultBackend_;
+  std::map<IntfId, PamBackend> backends_;
+
+  std::map<IntfId, Opened> opened_;
+  std::set<IntfId> changed_;  // interfaces to bring in line on the next sync
+};
+
+}  // namespace Calyx::Interface

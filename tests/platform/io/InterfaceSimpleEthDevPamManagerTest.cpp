@@ -1,0 +1,172 @@
+// The manager's life cycle of a module on the simulated loop: desired -> opened -> published -> withdrawn.
+
+#include "platform/io/InterfaceSimpleEthDevPamManager.h"
+
+#include <gtest/gtest.h>
+#include <unistd.h>
+
+#include <functional>
+#include <string>
+#include <vector>
+
+#include "platform/core/EventLoop.h"
+#include "platform/io/DropFrameBuilder.h"
+#include "platform/io/InMemoryPam.h"
+#include "platform/io/PcapFileWriter.h"
+#include "platform/io/PcapReplayPam.h"
+#include "platform/types/PktManager.h"
+
+using namespace Calyx;
+using namespace Calyx::Interface;
+
+namespace {
+
+class OnIntfPam : public EthDevPamCollection::Reactor {
+ public:
+  OnIntfPam(Ptr<EthDevPamCollection const> c, std::function<void(IntfId const&)> f)
+      : Reactor(std::move(c)), f_(std::move(f)) {}
+  void handleIntfPam(IntfId const& intfId) override { f_(intfId); }
+
+ private:
+  std::function<void(IntfId const&)> f_;
+};
+
+class ManagerTest : public ::testing::Test {
+ protected:
+  ManagerTest() {
+    manager->defaultBackendIs(PamBackend::inMemory());
+    manager->enabledIs(true);
+  }
+
+  Ptr<EventLoop> loop = EventLoop::makeSimulated();
+  Ptr<PamDesiredIntfDir> desired = make<PamDesiredIntfDir>();
+  Ptr<EthDevPamCollection> collection = make<EthDevPamCollection>();
+  Ptr<SimpleEthDevPamManager> manager = make<SimpleEthDevPamManager>(*loop, desired, collection);
+  IntfId const et1{"Ethernet1"};
+  IntfId const et2{"Ethernet2"};
+};
+
+TEST_F(ManagerTest, DesiredInterfaceIsOpenedAndPublishedOnTheNextTurnThenWithdrawn) {
+  std::vector<std::string> heard;
+  OnIntfPam reader(collection, [&](IntfId const& i) {
+    heard.push_back(std::string(i.name()) + (collection->intfPam(i) ? "+" : "-"));
+  });
+  desired->intfDesiredIs(et1, true);
+  EXPECT_EQ(collection->intfPam(et1), nullptr) << "opening waits for the manager's task";
+  loop->runUntilIdle();
+  ASSERT_NE(collection->intfPam(et1), nullptr);
+  EXPECT_EQ(collection->intfPam(et1), manager->pam(et1));
+  EXPECT_EQ(collection->intfPam(et1)->intfId(), et1);
+
+  desired->intfDesiredIs(et1, false);
+  loop->runUntilIdle();
+  EXPECT_EQ(collection->intfPam(et1), nullptr);
+  EXPECT_EQ(manager->pamCount(), 0u);
+  EXPECT_EQ(heard, (std::vector<std::string>{"Ethernet1+", "Ethernet1-"}));
+}
+
+TEST_F(ManagerTest, ADesireWithdrawnBeforeTheTurnOpensNothing) {
+  int notifications = 0;
+  OnIntfPam reader(collection, [&](IntfId const&) { ++notifications; });
+  desired->intfDesiredIs(et1, true);
+  desired->intfDesiredDel(et1);
+  loop->runUntilIdle();
+  EXPECT_EQ(notifications, 0);
+  EXPECT_EQ(manager->pamCount(), 0u);
+}
+
+TEST_F(ManagerTest, NothingIsOpenedWhileDisabledAndDisablingWithdrawsEverything) {
+  manager->enabledIs(false);
+  desired->intfDesiredIs(et1, true);
+  desired->intfDesiredIs(et2, true);
+  loop->runUntilIdle();
+  EXPECT_EQ(collection->intfPamCount(), 0u);
+
+  manager->enabledIs(true);
+  loop->runUntilIdle();
+  EXPECT_EQ(collection->intfPamCount(), 2u);
+
+  manager->enabledIs(false);
+  loop->runUntilIdle();
+  EXPECT_EQ(collection->intfPamCount(), 0u);
+}
+
+TEST_F(ManagerTest, ReaderWithdrawingFromInsideItsHandlerKeepsItsModuleUntilItLetsGo) {
+  desired->intfDesiredIs(et1, true);
+  loop->runUntilIdle();
+  Ptr<Pam const> held = collection->intfPam(et1);
+  auto inMemory = ptrCast<InMemoryPam>(manager->pam(et1));
+  int frames = 0;
+  struct Reader : Pam::Reactor {
+    Reader(Ptr<Pam const> p, std::function<void()> f) : Reactor(std::move(p)), f(std::move(f)) {}
+    void handleReadable() override { f(); }
+    std::function<void()> f;
+  } reader(held, [&] {
+    while (held->rxPkt()) ++frames;
+    desired->intfDesiredDel(et1);  // the module must survive this handler
+  });
+  inMemory->enqueue(PktManager::global().newPkt());
+  EXPECT_EQ(frames, 1);
+  EXPECT_NE(collection->intfPam(et1), nullptr);
+  loop->runUntilIdle();
+  EXPECT_EQ(collection->intfPam(et1), nullptr);
+  EXPECT_EQ(held->intfId(), et1);
+}
+
+TEST_F(ManagerTest, ChangingTheBackendOfAnOpenInterfaceReopensIt) {
+  desired->intfDesiredIs(et1, true);
+  loop->runUntilIdle();
+  Ptr<Pam const> before = collection->intfPam(et1);
+  manager->backendIs(et1, PamBackend::pcapReplay("/nonexistent/drops.pcap"));
+  loop->runUntilIdle();
+  Ptr<Pam const> after = collection->intfPam(et1);
+  ASSERT_NE(after, nullptr);
+  EXPECT_NE(after, before);
+  EXPECT_NE(dynamic_cast<PcapReplayPam const*>(after.get()), nullptr);
+  manager->backendIs(et1, PamBackend::pcapReplay("/nonexistent/drops.pcap"));  // same again: kept
+  loop->runUntilIdle();
+  EXPECT_EQ(collection->intfPam(et1), after);
+}
+
+TEST_F(ManagerTest, DestroyingTheManagerWithdrawsItsModules) {
+  desired->intfDesiredIs(et1, true);
+  loop->runUntilIdle();
+  manager = nullptr;
+  EXPECT_EQ(collection->intfPamCount(), 0u);
+}
+
+TEST_F(ManagerTest, ReplaysAFileAsAnInterfaceAtTheReadLimitPerTurn) {
+  std::string const path = ::testing::TempDir() + "manager-replay-" + std::to_string(getpid()) + ".pcap";
+  PcapFileWriter writer;
+  ASSERT_TRUE(writer.open(path));
+  DropFlow flow;
+  flow.srcIp = Ip4Addr::fromHost(0x0a000001);
+  flow.dstIp = Ip4Addr::fromHost(0x0a000002);
+  for (int i = 0; i < 150; ++i) ASSERT_TRUE(writer.write(DropFrameBuilder::dropFrame(flow, 100, i), 1.0 + i));
+  ASSERT_TRUE(writer.close());
+
+  manager->readLimitIs(64);
+  manager->backendIs(et2, PamBackend::pcapReplay(path));
+  // Like a receiver, start reading when the module is published: before its first frames come.
+  std::vector<uint16_t> batches;
+  struct Reader : Pam::Reactor {
+    Reader(Ptr<Pam const> p, std::vector<uint16_t>& b) : Reactor(p), pam(std::move(p)), batches(b) {}
+    void handleReadable() override {
+      batches.push_back(pam->curRxPkts());
+      while (pam->rxPkt()) {
+      }
+    }
+    Ptr<Pam const> pam;
+    std::vector<uint16_t>& batches;
+  };
+  std::unique_ptr<Reader> reader;
+  OnIntfPam onPublished(collection, [&](IntfId const& i) {
+    reader = std::make_unique<Reader>(collection->intfPam(i), batches);
+  });
+  desired->intfDesiredIs(et2, true);
+  loop->runUntilIdle();
+  EXPECT_EQ(batches, (std::vector<uint16_t>{64, 64, 22}));
+  unlink(path.c_str());
+}
+
+}  // namespace
