@@ -5,9 +5,9 @@
 
 namespace Calyx {
 
-void assertionFailed(std::string_view message, std::source_location where) {
-  std::fprintf(stderr, "%s:%u: %s: assertion failed: %.*s\n", where.file_name(), where.line(),
-               where.function_name(), static_cast<int>(message.size()), message.data());
+void assertionFailed(std::string_view message, char const* file, int line, char const* function) {
+  std::fprintf(stderr, "%s:%d: %s: assertion failed: %.*s\n", file, line, function,
+               static_cast<int>(message.size()), message.data());
   std::fflush(stderr);
   std::abort();
 }

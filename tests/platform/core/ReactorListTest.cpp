@@ -35,7 +35,8 @@ class Probe : public Widget::Reactor {
   Probe(Ptr<Widget> w, std::vector<int>& log, int id) : Reactor(std::move(w)), log_(log), id_(id) {}
   void handleSize() override {
     log_.push_back(id_);
-    if (action) action();
+    // A copy: the action may destroy this reactor, and its own std::function with it.
+    if (auto act = action) act();
   }
   std::function<void()> action;
 
