@@ -1,0 +1,322 @@
+#include "mirror_on_drop/MirrorOnDropReceiverSm.h"
+
+#include <algorithm>
+#include <cstring>
+
+#include "mirror_on_drop/MirrorOnDropTraceManager.h"
+#include "platform/types/EthAddr.h"
+#include "platform/types/IpHeader.h"
+
+namespace MirrorOnDrop {
+
+using Calyx::IntfId;
+using Calyx::Pkt;
+using Calyx::Ptr;
+
+namespace {
+
+Calyx::TraceHandle const& trace() {
+  static Calyx::TraceHandle const handle("MOD-Receiver");
+  return handle;
+}
+
+constexpr size_t kEthHeaderSize = 14;
+constexpr size_t kMirroredMinSize = kEthHeaderSize + Header::kSize;
+constexpr size_t kMacsSize = 12;
+constexpr size_t kVlanTagSize = 4;
+constexpr size_t kIp4MinHeader = 20;
+constexpr size_t kIp6Header = 40;
+constexpr uint16_t kEtherTypeVlan = 0x8100;
+constexpr uint16_t kEtherTypeIp4 = 0x0800;
+constexpr uint16_t kEtherTypeIp6 = 0x86DD;
+constexpr uint8_t kTcp = 6;
+constexpr uint8_t kUdp = 17;
+
+uint16_t be16(uint8_t const* p) {
+  return static_cast<uint16_t>(p[0] << 8 | p[1]);
+}
+
+bool isTcpOrUdp(uint8_t proto) {
+  return proto == kTcp || proto == kUdp;
+}
+
+// What the IP layer yields for the flow key.
+struct IpPart {
+  uint8_t proto = 0;
+  Calyx::IpGenAddr src;
+  Calyx::IpGenAddr dst;
+};
+
+// Each check below either accepts and consumes its header, or writes its rejection line and returns false.
+
+bool hasValidIp6Header(Pkt& pkt, IpPart& ip) {
+  size_t const remaining = pkt.bytes();
+  if (remaining < kIp6Header) {
+    MOD_TRACE(trace(), 3, "Dropping IPv6 packet: undersized, size = " << remaining << ".");
+    return false;
+  }
+  Calyx::Ip6HeaderView const h(pkt.data());
+  if (h.version() != 6) {
+    MOD_TRACE(trace(), 3, "Dropping IPv6 packet: invalid version = " << unsigned(h.version()) << ".");
+    return false;
+  }
+  if (!isTcpOrUdp(h.nextHeader())) {
+    MOD_TRACE(
+        trace(), 3,
+        "Dropping IPv6 packet: not a TCP/UDP next header's protocol = " << unsigned(h.nextHeader()) << ".");
+    return false;
+  }
+  ip = {h.nextHeader(), h.src(), h.dst()};
+  pkt.headDel(kIp6Header);
+  return true;
+}
+
+bool hasValidIp4Header(Pkt& pkt, IpPart& ip) {
+  size_t const remaining = pkt.bytes();
+  if (remaining < kIp4MinHeader) {
+    MOD_TRACE(trace(), 3, "Dropping IPv4 packet: undersized, size = " << remaining << ".");
+    return false;
+  }
+  Calyx::Ip4HeaderView const h(pkt.data());
+  size_t const headerLength = h.headerLength();
+  if (headerLength < kIp4MinHeader) {
+    MOD_TRACE(trace(), 3, "Dropping IPv4 packet: undersized header, size = " << headerLength << ".");
+    return false;
+  }
+  if (remaining < headerLength) {
+    MOD_TRACE(trace(), 3, "Dropping IPv4 packet: oversized header, size = " << headerLength << ".");
+    return false;
+  }
+  // Summed over the whole header, its own checksum field included, a correct header yields 0.
+  if (uint16_t const checksum = h.checksumComputed(); checksum != 0) {
+    MOD_TRACE(trace(), 3, "Dropping IPv4 packet: invalid checksum = " << checksum << ".");
+    return false;
+  }
+  if (h.version() != 4) {
+    MOD_TRACE(trace(), 3, "Dropping IPv4 packet: invalid version = " << unsigned(h.version()) << ".");
+    return false;
+  }
+  if (h.fragmentOffset() != 0) {
+    MOD_TRACE(trace(), 3, "Dropping IPv4 packet: not a head fragment.");
+    return false;
+  }
+  if (!isTcpOrUdp(h.protocol())) {
+    MOD_TRACE(trace(), 3, "Dropping IPv4 packet: not a TCP/UDP protocol = " << unsigned(h.protocol()) << ".");
+    return false;
+  }
+  ip = {h.protocol(), h.src(), h.dst()};
+  pkt.headDel(headerLength);
+  return true;
+}
+
+// The drop report: the header's timestamp, no reason, and the first bytes of the dropped frame as rebuilt by
+// joining the mirrored frame's MAC addresses with everything from the dropped frame's own EtherType on.
+Report::Report reportOf(uint8_t const* frame, size_t length, Header const& header) {
+  Report::Report report(header.timestamp(), Drop::Reason(), 0);
+  uint8_t sample[Report::Report::kPayloadSize];
+  size_t const rest = std::min(length - kMirroredMinSize + 2, Report::Report::kPayloadSize - kMacsSize);
+  std::memcpy(sample, frame, kMacsSize);
+  std::memcpy(sample + kMacsSize, frame + kEthHeaderSize + Header::kSize - 2, rest);
+  report.payloadIs(sample, kMacsSize + rest);
+  return report;
+}
+
+}  // namespace
+
+// --- reactors ---
+
+class ReceiverSm::FcsdReactor : public FeatureAgentCommonSmData::Reactor {
+ public:
+  FcsdReactor(ReceiverSm& sm, Ptr<FeatureAgentCommonSmData const> fcsd) : Reactor(std::move(fcsd)), sm_(sm) {}
+  void handleIntf(IntfId const& intfId) override { sm_.handleIntf(intfId); }
+
+ private:
+  ReceiverSm& sm_;
+};
+
+class ReceiverSm::PamCollectionReactor : public EthDevPamCollection::Reactor {
+ public:
+  PamCollectionReactor(ReceiverSm& sm, Ptr<EthDevPamCollection const> collection)
+      : Reactor(std::move(collection)), sm_(sm) {}
+  void handleIntfPam(IntfId const& intfId) override {
+    if (auto pam = notifier()->intfPam(intfId)) {
+      sm_.pamIs(intfId, std::move(pam));
+    } else {
+      sm_.pamDel(intfId);
+    }
+  }
+
+ private:
+  ReceiverSm& sm_;
+};
+
+class ReceiverSm::PamReactor : public Calyx::Pam::Reactor {
+ public:
+  PamReactor(ReceiverSm& sm, IntfId const& intfId, Ptr<Calyx::Pam const> pam)
+      : Reactor(std::move(pam)), sm_(sm), intfId_(intfId) {}
+  void handleReadable() override { sm_.handlePamReadable(intfId_); }
+
+ private:
+  ReceiverSm& sm_;
+  IntfId intfId_;
+};
+
+// --- life cycle ---
+
+ReceiverSm::ReceiverSm(Ptr<FeatureAgentCommonSmData const> fcsd, Ptr<PamDesiredIntfDir> pamDesiredIntfDir,
+                       Ptr<EthDevPamCollection const> pamCollection, Ptr<Exchanger> exchanger)
+    : fcsd_(std::move(fcsd)),
+      pamDesiredIntfDir_(std::move(pamDesiredIntfDir)),
+      pamCollection_(std::move(pamCollection)),
+      exchanger_(std::move(exchanger)),
+      fcsdReactor_(std::make_unique<FcsdReactor>(*this, fcsd_)),
+      pamCollectionReactor_(std::make_unique<PamCollectionReactor>(*this, pamCollection_)) {
+  initialize();
+  for (auto intf = pamCollection_->intfPamFirst(); intf; intf = pamCollection_->intfPamNext(*intf)) {
+    pamIs(*intf, pamCollection_->intfPam(*intf));
+  }
+  finalize();
+}
+
+ReceiverSm::~ReceiverSm() {
+  cleanup();
+  fcsdReactor_.reset();
+  pamCollectionReactor_.reset();
+  pamDelAll();
+}
+
+void ReceiverSm::initialize() {
+  MOD_TRACE(trace(), 8, "ReceiverSm::initialize()");
+}
+
+void ReceiverSm::finalize() {
+  MOD_TRACE(trace(), 8, "ReceiverSm::finalize()");
+  Detail::TraceManager::Scope scope;
+  for (auto intf = fcsd_->intfFirst(); intf; intf = fcsd_->intfNext(*intf)) handleIntf(*intf);
+}
+
+void ReceiverSm::cleanup() {
+  MOD_TRACE(trace(), 8, "ReceiverSm::cleanup()");
+}
+
+void ReceiverSm::handleIntf(IntfId const& intfId) {
+  MOD_TRACE(trace(), 8, "ReceiverSm::handleIntf(" << intfId.shortName() << ")");
+  Detail::TraceManager::Scope scope;
+  if (fcsd_->intf(intfId)) {
+    MOD_TRACE(trace(), 4, "Creating PAM desired entry.");
+    pamDesiredIntfDir_->intfDesiredIs(intfId, true);
+  } else {
+    MOD_TRACE(trace(), 4, "Deleting PAM desired entry.");
+    pamDesiredIntfDir_->intfDesiredDel(intfId);
+  }
+}
+
+void ReceiverSm::pamIs(IntfId const& intfId, Ptr<Calyx::Pam const> pam) {
+  auto it = pam_.find(intfId);
+  if (it == pam_.end()) {
+    pam_.emplace(intfId, std::make_unique<PamReactor>(*this, intfId, std::move(pam)));
+    return;
+  }
+  it->second->notifierIs(std::move(pam));
+}
+
+void ReceiverSm::pamDel(IntfId const& intfId) {
+  pam_.erase(intfId);
+}
+
+void ReceiverSm::pamDelAll() {
+  pam_.clear();
+}
+
+void ReceiverSm::handlePamReadable(IntfId const& intfId) {
+  MOD_TRACE(trace(), 8, "ReceiverSm::handlePamReadable(" << intfId.shortName() << ")");
+  Detail::TraceManager::Scope scope;
+  // A reactor of the dispatcher may drop this receiver, or the module, while a frame is handled: keep both
+  // alive until the pass ends, and stop reading once the module is no longer ours.
+  Ptr<ReceiverSm> const self(this);
+  auto it = pam_.find(intfId);
+  if (it == pam_.end()) return;
+  Ptr<Calyx::Pam const> const pam(it->second->notifier());
+  MOD_TRACE(trace(), 4, "Retrieving " << pam->curRxPkts() << " packet(s).");
+  while (true) {
+    auto current = pam_.find(intfId);
+    if (current == pam_.end() || current->second->notifier() != pam.get()) return;
+    Ptr<Pkt> frame = pam->rxPkt();
+    if (!frame) return;
+    exchanger_->counterReceivedPacketInc(1);
+    processPacket(intfId, frame);
+  }
+}
+
+// --- the parser ---
+
+void ReceiverSm::processPacket(IntfId const& intf, Ptr<Pkt> const& pkt) {
+  MOD_TRACE(trace(), 8, "ReceiverSm::processPacket(" << intf.shortName() << ")");
+  Detail::TraceManager::Scope scope;
+  Pkt& p = *pkt;
+  size_t const length = p.bytes();
+  if (length < kMirroredMinSize) {
+    MOD_TRACE(trace(), 3, "Dropping Ethernet packet: undersized, size = " << length << ".");
+    return;
+  }
+  // Deleting head bytes only moves the data pointer: the frame's first bytes stay where they are for the
+  // sample.
+  uint8_t const* const frame = p.data();
+  if (uint16_t const etherType = be16(frame + kMacsSize); etherType != Constant::vorlanModEthType()) {
+    MOD_TRACE(trace(), 3,
+              "Dropping Ethernet packet: non-Mirror-On-Drop EtherType = 0x" << std::hex << etherType << ".");
+    return;
+  }
+  p.headDel(kEthHeaderSize);
+  Header const header(p.data());
+  p.headDel(Header::kSize);
+
+  uint16_t etherType = header.typeOrLen();
+  for (int tags = 0; etherType == kEtherTypeVlan && tags < 2; ++tags) {
+    if (p.bytes() < kVlanTagSize) {
+      MOD_TRACE(trace(), 3, "Dropping Ethernet packet: truncated 802.1Q header, size = " << p.bytes() << ".");
+      return;
+    }
+    etherType = be16(p.data() + 2);
+    p.headDel(kVlanTagSize);
+  }
+
+  IpPart ip;
+  if (etherType == kEtherTypeIp6) {
+    if (!hasValidIp6Header(p, ip)) return;
+  } else if (etherType == kEtherTypeIp4) {
+    if (!hasValidIp4Header(p, ip)) return;
+  } else {
+    MOD_TRACE(trace(), 3,
+              "Dropping Ethernet packet: non IPv4/v6 EtherType = " << std::hex << etherType << ".");
+    return;
+  }
+
+  if (p.bytes() < 4) {
+    MOD_TRACE(trace(), 3,
+              "Dropping " << (ip.proto == kTcp ? "TCP" : "UDP")
+                          << " packet: undersized header, size = " << p.bytes() << ".");
+    return;
+  }
+  uint16_t const srcPort = be16(p.data());
+  uint16_t const dstPort = be16(p.data() + 2);
+
+  if (trace().isEnabled(5)) {
+    MOD_TRACE(trace(), 5,
+              "Storing report: packet processed, size = { original = "
+                  << header.packetSize().value() << ", trimmed = " << length - Header::kSize
+                  << " }, timestamp = " << header.timestamp().value() << ",");
+    MOD_TRACE(trace(), 5,
+              "sMac = " << Calyx::EthAddr::fromBytes(frame + 6).stringValue()
+                        << ", dMac = " << Calyx::EthAddr::fromBytes(frame).stringValue() << ",");
+    MOD_TRACE(trace(), 5, "sIp = " << ip.src << ", dIp = " << ip.dst << ",");
+    MOD_TRACE(
+        trace(), 5,
+        "ipProto = " << ipProtoName(ip.proto) << ", sPort = " << srcPort << ", dPort = " << dstPort << ".");
+  }
+  exchanger_->emtKeyIs(Emt::Key(FlowKey(ip.proto, ip.src, ip.dst, srcPort, dstPort), intf));
+  exchanger_->reportIs(reportOf(frame, length, header));
+  exchanger_->counterProcessedPacketInc(1);
+}
+
+}  // namespace MirrorOnDrop
