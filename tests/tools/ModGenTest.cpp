@@ -1,0 +1,241 @@
+// mod-gen as other tools drive it: its files checked frame by frame, its determinism, its command-line
+// errors.
+
+#include <gtest/gtest.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cstdio>
+#include <filesystem>
+#include <fstream>
+#include <map>
+#include <set>
+#include <sstream>
+#include <string>
+#include <tuple>
+#include <vector>
+
+#include "platform/io/DropFrameBuilder.h"
+#include "platform/types/IpHeader.h"
+
+using namespace Calyx;
+
+namespace {
+
+std::string modGenPath() {
+  // ctest puts the tools on PATH; run by hand, the tool sits beside the tests folder.
+  std::filesystem::path const self = std::filesystem::read_symlink("/proc/self/exe");
+  std::filesystem::path const beside = self.parent_path().parent_path() / "tools" / "mod-gen";
+  return std::filesystem::exists(beside) ? beside.string() : "mod-gen";
+}
+
+struct ToolRun {
+  int status = -1;
+  std::string err;
+  std::string out;
+};
+
+ToolRun modGen(std::string const& args) {
+  std::string const base = ::testing::TempDir() + "modgen-" + std::to_string(getpid());
+  std::string const cmd = modGenPath() + " " + args + " >" + base + ".out 2>" + base + ".err";
+  ToolRun r;
+  int const raw = std::system(cmd.c_str());
+  r.status = WIFEXITED(raw) ? WEXITSTATUS(raw) : -1;
+  auto slurp = [](std::string const& path) {
+    std::ifstream in(path);
+    std::stringstream s;
+    s << in.rdbuf();
+    return s.str();
+  };
+  r.out = slurp(base + ".out");
+  r.err = slurp(base + ".err");
+  return r;
+}
+
+struct Record {
+  uint32_t len = 0;
+  std::vector<uint8_t> bytes;
+};
+
+// The classic pcap format, little-endian as this machine writes it.
+std::vector<Record> readPcap(std::string const& path) {
+  std::ifstream in(path, std::ios::binary);
+  std::vector<uint8_t> const all((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
+  auto u32 = [&](size_t at) {
+    return uint32_t(all[at] | all[at + 1] << 8 | all[at + 2] << 16 | all[at + 3] << 24);
+  };
+  std::vector<Record> records;
+  if (all.size() < 24 || u32(0) != 0xa1b2c3d4 || u32(20) != 1) return records;  // Ethernet link type
+  for (size_t at = 24; at + 16 <= all.size();) {
+    uint32_t const caplen = u32(at + 8);
+    Record r;
+    r.len = u32(at + 12);
+    r.bytes.assign(all.begin() + long(at + 16), all.begin() + long(at + 16 + caplen));
+    records.push_back(std::move(r));
+    at += 16 + caplen;
+  }
+  return records;
+}
+
+uint16_t be16(uint8_t const* p) {
+  return uint16_t(p[0] << 8 | p[1]);
+}
+
+// What one well-formed mirrored frame says about itself.
+struct Decoded {
+  uint16_t packetSize = 0;
+  size_t carried = 0;  // bytes of the dropped frame in the mirror
+  size_t tags = 0;
+  bool v6 = false;
+  bool checksumOk = true;
+  std::tuple<IpGenAddr, IpGenAddr, uint8_t, uint16_t, uint16_t> flow;
+};
+
+Decoded decode(std::vector<uint8_t> const& f) {
+  Decoded d;
+  d.packetSize = uint16_t(f[14] | f[15] << 8);
+  d.carried = f.size() - 12;
+  size_t at = 26;
+  uint16_t type = be16(&f[24]);
+  while (type == 0x8100) {
+    type = be16(&f[at + 2]);
+    at += 4;
+    ++d.tags;
+  }
+  d.v6 = type == 0x86dd;
+  if (d.v6) {
+    Ip6HeaderView h(&f[at]);
+    at += 40;
+    d.flow = {h.src(), h.dst(), h.nextHeader(), be16(&f[at]), be16(&f[at + 2])};
+  } else {
+    Ip4HeaderView h(&f[at]);
+    d.checksumOk = h.checksumComputed() == 0;
+    at += h.headerLength();
+    d.flow = {h.src(), h.dst(), h.protocol(), be16(&f[at]), be16(&f[at + 2])};
+  }
+  return d;
+}
+
+class ModGenTest : public ::testing::Test {
+ protected:
+  ~ModGenTest() override {
+    for (auto const& f : files_) std::filesystem::remove(f);
+  }
+  std::string file(std::string const& name) {
+    files_.push_back(::testing::TempDir() + "modgen-" + std::to_string(getpid()) + "-" + name + ".pcap");
+    return files_.back();
+  }
+
+ private:
+  std::vector<std::string> files_;
+};
+
+TEST_F(ModGenTest, WritesFlowsTimesDropsWellFormedFramesCutLikeTheChip) {
+  std::string const out = file("contract");
+  ToolRun const r = modGen("--out " + out + " --flows 20 --drops-per-flow 3 --seed 7");
+  ASSERT_EQ(r.status, 0) << r.err;
+  EXPECT_NE(r.err.find("60 frame(s)"), std::string::npos) << r.err;
+  auto const records = readPcap(out);
+  ASSERT_EQ(records.size(), 60u);
+  std::map<decltype(Decoded::flow), int> drops;
+  size_t v6 = 0;
+  for (auto const& rec : records) {
+    auto const& f = rec.bytes;
+    ASSERT_EQ(rec.len, f.size());
+    ASSERT_GE(f.size(), 26u);
+    ASSERT_EQ(be16(&f[12]), 0x1042);
+    Decoded const d = decode(f);
+    EXPECT_TRUE(d.checksumOk);
+    EXPECT_GE(d.packetSize, d.carried) << "the original is at least what the mirror carries";
+    EXPECT_EQ(d.carried, std::min<size_t>(d.packetSize, 128)) << "cut at 128 bytes, never padded";
+    EXPECT_EQ(d.tags, 0u);
+    v6 += d.v6;
+    ++drops[d.flow];
+  }
+  EXPECT_EQ(drops.size(), 20u);
+  for (auto const& [flow, n] : drops) EXPECT_EQ(n, 3);
+  EXPECT_EQ(v6, 30u) << "families mix by default";
+}
+
+TEST_F(ModGenTest, OptionsShapeEveryFrame) {
+  std::string const out = file("shaped");
+  ToolRun const r = modGen("--out " + out +
+                           " --flows 4 --family ipv6 --proto udp --vlan-tags 2 --size 100 --cut 64 --seed 1");
+  ASSERT_EQ(r.status, 0) << r.err;
+  auto const records = readPcap(out);
+  ASSERT_EQ(records.size(), 4u);
+  for (auto const& rec : records) {
+    Decoded const d = decode(rec.bytes);
+    EXPECT_TRUE(d.v6);
+    EXPECT_EQ(std::get<2>(d.flow), 17);
+    EXPECT_EQ(d.tags, 2u);
+    EXPECT_EQ(d.packetSize, 100);
+    EXPECT_EQ(d.carried, 64u);
+  }
+}
+
+TEST_F(ModGenTest, SameSeedSameFramesOtherSeedOtherFrames) {
+  std::string const a = file("a"), b = file("b"), c = file("c");
+  std::string const opts = " --flows 5 --drops-per-flow 2 --vlan-tags mixed --malformed all";
+  ASSERT_EQ(modGen("--out " + a + opts + " --seed 42").status, 0);
+  ASSERT_EQ(modGen("--out " + b + opts + " --seed 42").status, 0);
+  ASSERT_EQ(modGen("--out " + c + opts + " --seed 43").status, 0);
+  auto const ra = readPcap(a), rb = readPcap(b), rc = readPcap(c);
+  ASSERT_EQ(ra.size(), 10u + DropFrameBuilder::kMalformedKinds);
+  ASSERT_EQ(ra.size(), rb.size());
+  for (size_t i = 0; i < ra.size(); ++i) EXPECT_EQ(ra[i].bytes, rb[i].bytes) << i;
+  EXPECT_NE(ra[0].bytes, rc[0].bytes);
+}
+
+TEST_F(ModGenTest, MalformedFramesFollowTheWellFormedOnesKindByKind) {
+  std::string const out = file("malformed");
+  ToolRun const r =
+      modGen("--out " + out + " --flows 2 --malformed ipv4-bad-checksum,wrong-ethertype --malformed-count 3");
+  ASSERT_EQ(r.status, 0) << r.err;
+  EXPECT_NE(r.err.find("6 malformed"), std::string::npos) << r.err;
+  auto const records = readPcap(out);
+  ASSERT_EQ(records.size(), 8u);
+  for (size_t i = 2; i < 5; ++i) EXPECT_FALSE(decode(records[i].bytes).checksumOk);
+  for (size_t i = 5; i < 8; ++i) EXPECT_NE(be16(&records[i].bytes[12]), 0x1042);
+}
+
+TEST_F(ModGenTest, BadArgumentsNameTheOptionAndFail) {
+  struct Case {
+    std::string args;
+    std::string named;
+  };
+  std::string const out = file("never");
+  for (Case const& c : std::vector<Case>{{"--out " + out + " --flows 0", "--flows"},
+                                         {"--out " + out + " --drops-per-flow x", "--drops-per-flow"},
+                                         {"--out " + out + " --family ipv5", "--family"},
+                                         {"--out " + out + " --vlan-tags 3", "--vlan-tags"},
+                                         {"--out " + out + " --size 200-100", "--size"},
+                                         {"--out " + out + " --malformed ipv4-nonsense", "--malformed"},
+                                         {"--out " + out + " --rate", "--rate"},
+                                         {"--out " + out + " --bogus 1", "--bogus"},
+                                         {"--flows 3", "--out"},
+                                         {"--out " + out + " --interface lo", "--interface"}}) {
+    ToolRun const r = modGen(c.args);
+    EXPECT_EQ(r.status, 2) << c.args;
+    EXPECT_NE(r.err.find(c.named), std::string::npos) << c.args << ": " << r.err;
+  }
+  EXPECT_FALSE(std::filesystem::exists(out));
+  ToolRun const unwritable = modGen("--out /nonexistent-dir/x.pcap");
+  EXPECT_EQ(unwritable.status, 1);
+  EXPECT_NE(unwritable.err.find("/nonexistent-dir/x.pcap"), std::string::npos) << unwritable.err;
+}
+
+TEST_F(ModGenTest, HelpExplainsEveryOptionAndKind) {
+  ToolRun const r = modGen("--help");
+  EXPECT_EQ(r.status, 0);
+  for (char const* option :
+       {"--out", "--interface", "--rate", "--flows", "--drops-per-flow", "--family", "--proto", "--vlan-tags",
+        "--size", "--cut", "--malformed", "--malformed-count", "--seed"}) {
+    EXPECT_NE(r.out.find(option), std::string::npos) << option;
+  }
+  for (MalformedKind kind : DropFrameBuilder::kAllMalformedKinds) {
+    EXPECT_NE(r.out.find(DropFrameBuilder::name(kind)), std::string::npos) << DropFrameBuilder::name(kind);
+  }
+}
+
+}  // namespace
