@@ -34,8 +34,10 @@ struct LivePamOptions {
   uint32_t readLimit = 64;   // frames taken per readable event
   bool bulkRead = true;      // false: one frame per readable event
   bool promiscuous = true;
-  int bufferBytes = 4 << 20;  // the kernel ring
-  int snapLength = 65535;
+  // The kernel ring holds bufferBytes / (snapLength + overhead) frames. Mirrored frames are cut short by the
+  // chip, so a small snap length buys a deep ring.
+  int bufferBytes = 8 << 20;
+  int snapLength = 4096;
   double retryInterval = 5.0;  // seconds
 };
 
