@@ -107,6 +107,7 @@ class SharedTableReader {
   static constexpr int kSpins = 256;
   static constexpr int kYields = 1024;
   static constexpr auto kPatience = std::chrono::seconds(1);
+  static constexpr int kReopenAttempts = 1000;
 
   struct SlotCopy {
     uint32_t state = 0;
@@ -133,22 +134,27 @@ class SharedTableReader {
     return reopen();
   }
 
+  // A writer that grows quickly may retire the file just opened before we look at it: then the path already
+  // names a newer one, and we open again. Retired and still at the path means the writer stopped publishing.
   bool reopen() {
-    std::string text;
-    switch (SharedSegment::open(path_, false, seg_, text)) {
-      case SharedSegment::OpenResult::ok:
-        break;
-      case SharedSegment::OpenResult::missing:
-        return fail(SharedTableReadError::missing, text);
-      case SharedSegment::OpenResult::tooShort:
-        return fail(SharedTableReadError::damaged, text);
-      case SharedSegment::OpenResult::failed:
-        return fail(SharedTableReadError::failed, text);
+    for (int attempt = 0; attempt < kReopenAttempts; ++attempt) {
+      std::string text;
+      switch (SharedSegment::open(path_, false, seg_, text)) {
+        case SharedSegment::OpenResult::ok:
+          break;
+        case SharedSegment::OpenResult::missing:
+          return fail(SharedTableReadError::missing, text);
+        case SharedSegment::OpenResult::tooShort:
+          return fail(SharedTableReadError::damaged, text);
+        case SharedSegment::OpenResult::failed:
+          return fail(SharedTableReadError::failed, text);
+      }
+      if (!headerSound()) return false;
+      if (Seqlock::load(seg_.header().retired, std::memory_order_acquire) == 0) return true;
+      if (seg_.isFileAt(path_))
+        return fail(SharedTableReadError::stale, path_ + " is retired and nothing replaced it");
     }
-    if (!headerSound()) return false;
-    if (Seqlock::load(seg_.header().retired, std::memory_order_acquire) != 0)
-      return fail(SharedTableReadError::stale, path_ + " is retired and nothing replaced it");
-    return true;
+    return fail(SharedTableReadError::busy, path_ + " was replaced faster than it could be opened");
   }
 
   bool headerSound() {

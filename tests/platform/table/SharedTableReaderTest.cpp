@@ -63,7 +63,9 @@ int readWhileWriterWrites(std::string const& path, Shared& shared, uint64_t fina
     for (Value const& v : rows) {
       if (!v.consistent()) return std::fprintf(stderr, "torn record of key %lu\n", (unsigned long)v.k.lo), 2;
     }
-    if (auto v = reader.find(keyOf(3)); v && !v->consistent()) return 2;
+    for (uint64_t n = 0; n < 1000; ++n) {
+      if (auto v = reader.find(keyOf(n % 8)); v && !v->consistent()) return 2;
+    }
     shared.snapshots.fetch_add(1);
     if (!done) continue;
     if (rows.size() != finalKeys) return std::fprintf(stderr, "final rows %zu\n", rows.size()), 3;
@@ -91,6 +93,8 @@ TEST_F(SharedTableReaderTest, ForkedReaderSeesCommitsDeletionsAndGrowthNeverATor
     readerGone = ::waitpid(pid, &status, WNOHANG) == pid;
     for (uint64_t n = 0; n < keys; ++n) t->entryIs(Value::of(keyOf(n), round * keys + n));
     for (uint64_t n = 0; n < keys; n += 3) t->entryCommit(Value::of(keyOf(n), round * keys + n + 1));
+    for (uint64_t n = 0; n < 4000; ++n)
+      t->entryCommit(Value::of(keyOf(n % 8), n));  // the keys the reader watches
     if (round % 4 == 3) t->entryDelAll();
     for (uint64_t n = 1; n < keys; n += 2) t->entryDel(keyOf(n));
   }
