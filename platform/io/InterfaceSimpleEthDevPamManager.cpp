@@ -153,7 +153,7 @@ Ptr<Pam> SimpleEthDevPamManager::pamNew(IntfId const& intfId, PamBackend const& 
   return make<InMemoryPam>(intfId);
 }
 
-void SimpleEthDevPamManager::close(IntfId const& intfId) {
+void SimpleEthDevPamManager::close(IntfId intfId) {
   auto it = opened_.find(intfId);
   if (it == opened_.end()) return;
   // Keep the module until readers have heard that it is gone.

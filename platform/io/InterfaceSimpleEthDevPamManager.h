@@ -93,7 +93,7 @@ class SimpleEthDevPamManager : public Object {
   void sync();
   void syncIntf(IntfId const& intfId);
   Ptr<Pam> pamNew(IntfId const& intfId, PamBackend const& backend);
-  void close(IntfId const& intfId);
+  void close(IntfId intfId);  // by value: callers pass keys of the map it erases from
 
   EventLoop* loop_;
   Ptr<PamDesiredIntfDir const> desired_;

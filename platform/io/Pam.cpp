@@ -25,7 +25,8 @@ void Pam::rxPktEnqueue(Ptr<Pkt> pkt) {
 }
 
 void Pam::rxPktEnqueue(uint8_t const* bytes, size_t n, double rxTimestamp) {
-  Ptr<Pkt> pkt = PktManager::global().newPkt(std::max(Pkt::kDefaultCapacity, n + Pkt::kDefaultHeadroom));
+  // Sized to the frame: mirrored frames are small, and a reader only strips headers from them.
+  Ptr<Pkt> pkt = PktManager::global().newPkt(n + Pkt::kDefaultHeadroom);
   pkt->assign(bytes, n);
   pkt->rxTimestampIs(rxTimestamp);
   rxPktEnqueue(std::move(pkt));

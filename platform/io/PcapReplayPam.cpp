@@ -104,8 +104,7 @@ void PcapReplayPam::readAhead() {
   }
   nextRecordedTime_ = static_cast<double>(header->ts.tv_sec) + static_cast<double>(header->ts.tv_usec) * 1e-6;
   if (firstRecordedTime_ < 0) firstRecordedTime_ = nextRecordedTime_;
-  next_ =
-      PktManager::global().newPkt(std::max(Pkt::kDefaultCapacity, header->caplen + Pkt::kDefaultHeadroom));
+  next_ = PktManager::global().newPkt(header->caplen + Pkt::kDefaultHeadroom);
   next_->assign(bytes, header->caplen);
 }
 

@@ -160,7 +160,7 @@ TEST_F(ModGenTest, WritesFlowsTimesDropsWellFormedFramesCutLikeTheChip) {
 TEST_F(ModGenTest, OptionsShapeEveryFrame) {
   std::string const out = file("shaped");
   ToolRun const r = modGen("--out " + out +
-                           " --flows 4 --family ipv6 --proto udp --vlan-tags 2 --size 100 --cut 64 --seed 1");
+                           " --flows 4 --family ipv6 --proto udp --vlan-tags 2 --size 100 --cut 82 --seed 1");
   ASSERT_EQ(r.status, 0) << r.err;
   auto const records = readPcap(out);
   ASSERT_EQ(records.size(), 4u);
@@ -170,7 +170,7 @@ TEST_F(ModGenTest, OptionsShapeEveryFrame) {
     EXPECT_EQ(std::get<2>(d.flow), 17);
     EXPECT_EQ(d.tags, 2u);
     EXPECT_EQ(d.packetSize, 100);
-    EXPECT_EQ(d.carried, 64u);
+    EXPECT_EQ(d.carried, 82u);
   }
 }
 
@@ -209,6 +209,7 @@ TEST_F(ModGenTest, BadArgumentsNameTheOptionAndFail) {
                                          {"--out " + out + " --drops-per-flow x", "--drops-per-flow"},
                                          {"--out " + out + " --family ipv5", "--family"},
                                          {"--out " + out + " --vlan-tags 3", "--vlan-tags"},
+                                         {"--out " + out + " --cut 64", "--cut"},
                                          {"--out " + out + " --size 200-100", "--size"},
                                          {"--out " + out + " --malformed ipv4-nonsense", "--malformed"},
                                          {"--out " + out + " --rate", "--rate"},

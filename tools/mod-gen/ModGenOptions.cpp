@@ -130,9 +130,11 @@ std::optional<ModGenOptions> modGenOptionsParse(std::vector<std::string> const& 
        }},
       {"--cut",
        [&](std::string const& v) {
-         auto n = number(v, 14, 65535);
+         // Below 82 bytes the longest headers (two tags, IPv6, TCP) would be cut, and the frames would be
+         // malformed.
+         auto n = number(v, 82, 65535);
          if (n) o.cut = *n;
-         return n ? nullptr : "a number of bytes from 14 to 65535";
+         return n ? nullptr : "a number of bytes from 82 (room for every header) to 65535";
        }},
       {"--malformed-count",
        [&](std::string const& v) {
@@ -217,7 +219,8 @@ Traffic:
   --vlan-tags T         802.1Q tags on each dropped frame: 0, 1, 2 or mixed (default 0)
   --size MIN[-MAX]      size in bytes of the dropped frames before the cut, random in the range (default 64-1518);
                         a size below the frame's headers is raised to them
-  --cut N               bytes of each dropped frame the mirror keeps (default 128)
+  --cut N               bytes of each dropped frame the mirror keeps (default 128; at least 82, so
+                        that the headers of every well-formed frame survive)
   --malformed LIST      also make malformed frames, after the well-formed ones: a comma-separated list of the
                         kinds below, or all
   --malformed-count M   frames of each malformed kind (default 1)
