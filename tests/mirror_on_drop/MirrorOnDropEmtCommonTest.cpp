@@ -1,5 +1,4 @@
 #include <gtest/gtest.h>
-#include <stdlib.h>
 
 #include <filesystem>
 #include <stdexcept>
@@ -9,6 +8,7 @@
 #include "mirror_on_drop/MirrorOnDropCollector.h"
 #include "mirror_on_drop/MirrorOnDropEmtCommon.h"
 #include "mirror_on_drop/MirrorOnDropReport.h"
+#include "tests/support/TempStateDir.h"
 
 using namespace MirrorOnDrop;
 using Calyx::IntfId;
@@ -19,21 +19,12 @@ namespace {
 // The feature's tables, made through their factories in a state directory of the test's own.
 class FeatureTablesTest : public ::testing::Test {
  protected:
-  void SetUp() override {
-    char dir[] = "/tmp/mod-tables-XXXXXX";
-    ASSERT_TRUE(mkdtemp(dir));
-    stateDir_ = dir;
-    setenv("CALYX_STATE_DIR", dir, 1);
-  }
-  void TearDown() override {
-    unsetenv("CALYX_STATE_DIR");
-    std::filesystem::remove_all(stateDir_);
-  }
   static Emt::Key key(uint16_t port, char const* intf) {
     return Emt::Key(FlowKey(17, *IpGenAddr::parse("10.0.0.1"), *IpGenAddr::parse("10.0.0.2"), port, 53),
                     IntfId(intf));
   }
-  std::string stateDir_;
+  Calyx::Test::TempStateDir stateDir;
+  std::string const& stateDir_ = stateDir.path();
 };
 
 TEST_F(FeatureTablesTest, EmtRowsKeyedByFlowThenInterface) {
