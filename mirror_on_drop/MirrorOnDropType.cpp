@@ -97,3 +97,32 @@ std::ostream& operator<<(std::ostream& os, Report const& r) {
 }
 
 }  // namespace MirrorOnDrop::Report
+
+namespace MirrorOnDrop {
+
+UdpPam::UdpPam()
+    : udpPamIp4_(Calyx::make<Calyx::UdpPam>("UdpPamIp4")),
+      udpPamIp6_(Calyx::make<Calyx::UdpPam>("UdpPamIp6")) {
+  udpPamIp4_->hasNotificationActiveIs(true);
+  udpPamIp6_->hasNotificationActiveIs(true);
+  udpPamIp4_->modeIs(Calyx::UdpPam::kModeTransmit);
+  udpPamIp6_->ipv6EnIs(true);
+  udpPamIp6_->modeIs(Calyx::UdpPam::kModeTransmit);
+}
+
+bool UdpPam::sendPacket(Calyx::IpGenAddr const& srcIp, Calyx::IpGenAddr const& dstIp, Calyx::DscpValue dscp,
+                        uint16_t dstL4Port, Calyx::Ptr<Calyx::Pkt> const& pkt) {
+  Calyx::Ptr<Calyx::UdpPam> const pam = dstIp.isV4() ? udpPamIp4_ : udpPamIp6_;
+  pam->txSrcIpAddrIs(srcIp.v4());
+  pam->txSrcIp6AddrIs(srcIp.v6());
+  pam->txDstIpAddrIs(dstIp.v4());
+  pam->txDstIp6AddrIs(dstIp.v6());
+  pam->txTosIs(dscp.value());
+  pam->txPortIs(dstL4Port);
+  uint64_t const before = pam->txPkts();
+  pam->txPktIs(pkt);
+  txErrno_ = pam->txErrno();
+  return pam->txPkts() != before;
+}
+
+}  // namespace MirrorOnDrop

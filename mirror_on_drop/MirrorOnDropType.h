@@ -1,4 +1,6 @@
 #pragma once
+// The stored drop report and its type, and the feature's UDP transmit endpoint.
+//
 // The stored drop report and its type. A Report::Report is held in the exact byte layout of a report packet's
 // body, every number already in network order, so the sender copies it into packets without conversion:
 //   offset 0   8 bytes  timestamp, big-endian
@@ -12,6 +14,10 @@
 #include <string_view>
 
 #include "mirror_on_drop/MirrorOnDropTypeCommon.h"
+#include "platform/core/Ptr.h"
+#include "platform/io/UdpPam.h"
+#include "platform/types/DscpValue.h"
+#include "platform/types/Pkt.h"
 
 namespace MirrorOnDrop::Report {
 
@@ -64,3 +70,31 @@ static_assert(sizeof(Report) == 105);
 std::ostream& operator<<(std::ostream& os, Report const& r);
 
 }  // namespace MirrorOnDrop::Report
+
+namespace MirrorOnDrop {
+
+// The one endpoint through which report packets leave as UDP datagrams. It wraps two platform transmit
+// objects, one per address family, and picks one per packet by the destination's family (an unset destination
+// goes the IPv6 way). Every call sets all six transmit attributes afresh, both address forms included, so
+// nothing of an earlier packet remains. The errno of the latest transmission is kept in txErrno for the
+// caller's failure report; nothing is retried here.
+class UdpPam : public Calyx::Object {
+ public:
+  UdpPam();
+
+  Calyx::Ptr<Calyx::UdpPam> const& udpPamIp4() const { return udpPamIp4_; }
+  Calyx::Ptr<Calyx::UdpPam> const& udpPamIp6() const { return udpPamIp6_; }
+  int32_t txErrno() const { return txErrno_; }
+
+  // Sends pkt's bytes from srcIp to dstIp:dstL4Port with dscp as the type-of-service byte, passed on
+  // unshifted. True when the platform counted the datagram as transmitted.
+  bool sendPacket(Calyx::IpGenAddr const& srcIp, Calyx::IpGenAddr const& dstIp, Calyx::DscpValue dscp,
+                  uint16_t dstL4Port, Calyx::Ptr<Calyx::Pkt> const& pkt);
+
+ private:
+  Calyx::Ptr<Calyx::UdpPam> udpPamIp4_;
+  Calyx::Ptr<Calyx::UdpPam> udpPamIp6_;
+  int32_t txErrno_ = 0;
+};
+
+}  // namespace MirrorOnDrop
