@@ -8,13 +8,11 @@
 #include <string>
 #include <vector>
 
-#include "platform/entity/CalyxCentralFeatureAgentCommonSmData.h"
-
 using namespace Calyx;
 
 namespace {
 
-IntfId const et1("Ethernet1"), et2("Ethernet2"), et3("Ethernet3");
+IntfId const et1("Ethernet1"), et2("Ethernet2");
 
 struct OnDesired : Interface::PamDesiredIntfDir::Reactor {
   explicit OnDesired(Ptr<Interface::PamDesiredIntfDir> d) : Reactor(d), dir(std::move(d)) {}
@@ -38,26 +36,6 @@ TEST(InterfacePamDesiredIntfDirTest, NotifiesPerKeyOnlyOnChange) {
   EXPECT_EQ(r.heard, (std::vector<std::string>{"Ethernet1=T", "Ethernet1=F", "Ethernet2=T", "Ethernet1=-",
                                                "Ethernet2=-"}));
   EXPECT_FALSE(dir->intfDesired(et1)) << "an absent entry is not desired";
-}
-
-TEST(InterfacePamDesiredIntfDirTest, WalkSurvivesHandlersThatChangeTheCollection) {
-  auto fcsd = make<CalyxCentral::FeatureAgentCommonSmData>();
-  for (auto const& i : {et1, et2, et3}) fcsd->intfIs(i);
-  struct Deleter : CalyxCentral::FeatureAgentCommonSmData::Reactor {
-    explicit Deleter(Ptr<CalyxCentral::FeatureAgentCommonSmData> d) : Reactor(d), data(std::move(d)) {}
-    void handleIntf(IntfId const& i) override {
-      if (i == et1) data->intfDel(et2);
-    }
-    Ptr<CalyxCentral::FeatureAgentCommonSmData> data;
-  } deleter(fcsd);
-  std::vector<IntfId> walked;
-  for (auto i = fcsd->intfFirst(); i; i = fcsd->intfNext(*i)) {
-    walked.push_back(*i);
-    if (*i == et1) fcsd->intfDel(et1);  // the handler then deletes et2 as well
-  }
-  EXPECT_EQ(walked, (std::vector<IntfId>{et1, et3}));
-  EXPECT_EQ(fcsd->intfCount(), 1u);
-  EXPECT_TRUE(fcsd->intf(et3));
 }
 
 }  // namespace

@@ -54,17 +54,6 @@ TEST_F(InMemoryPamTest, EveryArrivalNotifiesEvenWhenFramesAreLeftBehind) {
   EXPECT_EQ(heldAtNotification, (std::vector<uint16_t>{1, 3, 3}));
 }
 
-TEST_F(InMemoryPamTest, ReaderDrainsInsideTheNotificationThroughAConstHandle) {
-  Ptr<Pam const> readOnly = pam;
-  int taken = 0;
-  OnReadable reactor(readOnly, [&] {
-    while (readOnly->rxPkt()) ++taken;
-  });
-  pam->enqueue(std::vector<Ptr<Pkt>>{frame(1), frame(2)});
-  EXPECT_EQ(taken, 2);
-  EXPECT_EQ(pam->curRxPkts(), 0);
-}
-
 TEST_F(InMemoryPamTest, ReactorMayReleaseTheLastReferenceFromItsHandler) {
   InMemoryPam* raw = pam.get();
   std::unique_ptr<OnReadable> second;
