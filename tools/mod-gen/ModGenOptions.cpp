@@ -89,9 +89,10 @@ std::optional<ModGenOptions> modGenOptionsParse(std::vector<std::string> const& 
        }},
       {"--flows",
        [&](std::string const& v) {
-         auto n = number(v, 1, 100000000);
+         // Every flow is held in memory while the frames are made.
+         auto n = number(v, 1, 1000000);
          if (n) o.flows = *n;
-         return n ? nullptr : "a whole number from 1 to 100000000";
+         return n ? nullptr : "a whole number from 1 to 1000000";
        }},
       {"--drops-per-flow",
        [&](std::string const& v) {
