@@ -228,10 +228,14 @@ class SharedTable : public Object, public Notifier<SharedTable<K, V>> {
         h.capacity == capacity_ && h.count <= capacity_ && h.retired == 0)
       return true;
     std::string problem;
-    if (checkSegmentHeader(h, seg_.bytes(), sizeof(K), sizeof(V), problem) == HeaderCheck::ok)
-      problem = "header changed under its writer (capacity " + std::to_string(h.capacity) + ", retired " +
-                std::to_string(h.retired) + ")";
-    corrupt(problem);
+    if (checkSegmentHeader(h, seg_.bytes(), sizeof(K), sizeof(V), problem) != HeaderCheck::ok) {
+      corrupt(problem);
+    } else if (h.retired == 1 && h.capacity == capacity_) {
+      corrupt("another writer opened the table's file and retired this segment (one writer per table)");
+    } else {
+      corrupt("header changed under its writer (capacity " + std::to_string(h.capacity) + ", retired " +
+              std::to_string(h.retired) + ")");
+    }
     return false;
   }
 
@@ -341,6 +345,10 @@ class SharedTable : public Object, public Notifier<SharedTable<K, V>> {
   bool canPublish() const {
     if (name_.empty() || name_.front() == '.' || name_.find('/') != std::string::npos) {
       trace("the name is not a file name; the table is kept in private memory");
+      return false;
+    }
+    if (options_.stateDir.empty()) {
+      trace("no state directory; the table is kept in private memory");
       return false;
     }
     std::string error;

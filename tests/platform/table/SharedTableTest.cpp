@@ -182,6 +182,16 @@ TEST_F(SharedTableTest, DamageWhileRunningAbandonsTheOperation) {
   ::munmap(base, bytes);
 }
 
+TEST_F(SharedTableTest, SecondWriterOfOneTableIsReportedToTheFirst) {
+  auto first = open();
+  first->entryIs(Value::of(keyOf(1), 1));
+  auto second = open();
+  EXPECT_EQ(second->entryCount(), 1u);
+  EXPECT_FALSE(first->entryIs(Value::of(keyOf(2), 2)));
+  ASSERT_EQ(problems.size(), 1u);
+  EXPECT_NE(problems[0].find("another writer"), std::string::npos);
+}
+
 TEST_F(SharedTableTest, DefaultCorruptionHandlerNamesTheTableAndStops) {
   open()->entryIs(Value::of(keyOf(1), 1));
   scribble("t", 0, 0);
