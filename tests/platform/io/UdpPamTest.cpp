@@ -3,104 +3,20 @@
 
 #include "platform/io/UdpPam.h"
 
-#include <arpa/inet.h>
 #include <gtest/gtest.h>
 #include <netinet/in.h>
-#include <poll.h>
 #include <sys/socket.h>
-#include <unistd.h>
 
-#include <cstring>
 #include <numeric>
-#include <optional>
-#include <string>
 #include <vector>
 
 #include "platform/types/PktManager.h"
+#include "tests/support/LoopbackReceiver.h"
 
 using namespace Calyx;
+using Calyx::Test::LoopbackReceiver;
 
 namespace {
-
-struct Datagram {
-  std::vector<uint8_t> bytes;
-  std::string from;  // source address as text
-  int tos = -1;      // TOS byte (IPv4) or traffic class (IPv6) as received
-};
-
-// A datagram socket on loopback that reports what arrived, and the TOS byte it arrived with.
-class LoopbackReceiver {
- public:
-  explicit LoopbackReceiver(int af) : af_(af) {
-    fd_ = socket(af, SOCK_DGRAM | SOCK_CLOEXEC, 0);
-    int const one = 1;
-    sockaddr_storage addr{};
-    socklen_t len;
-    if (af == AF_INET6) {
-      setsockopt(fd_, IPPROTO_IPV6, IPV6_RECVTCLASS, &one, sizeof one);
-      auto* a = reinterpret_cast<sockaddr_in6*>(&addr);
-      a->sin6_family = AF_INET6;
-      a->sin6_addr = in6addr_loopback;
-      len = sizeof *a;
-    } else {
-      setsockopt(fd_, IPPROTO_IP, IP_RECVTOS, &one, sizeof one);
-      auto* a = reinterpret_cast<sockaddr_in*>(&addr);
-      a->sin_family = AF_INET;
-      a->sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-      len = sizeof *a;
-    }
-    bound_ = bind(fd_, reinterpret_cast<sockaddr*>(&addr), len) == 0;
-    len = sizeof addr;
-    getsockname(fd_, reinterpret_cast<sockaddr*>(&addr), &len);
-    port_ = ntohs(af == AF_INET6 ? reinterpret_cast<sockaddr_in6*>(&addr)->sin6_port
-                                 : reinterpret_cast<sockaddr_in*>(&addr)->sin_port);
-  }
-  ~LoopbackReceiver() { close(fd_); }
-
-  bool bound() const { return bound_; }
-  uint16_t port() const { return port_; }
-
-  // The next datagram, waiting at most two seconds for it.
-  std::optional<Datagram> receive() {
-    pollfd p{fd_, POLLIN, 0};
-    if (poll(&p, 1, 2000) != 1) return std::nullopt;
-    Datagram d;
-    d.bytes.resize(2048);
-    sockaddr_storage from{};
-    iovec iov{d.bytes.data(), d.bytes.size()};
-    alignas(cmsghdr) char control[256];
-    msghdr msg{};
-    msg.msg_name = &from;
-    msg.msg_namelen = sizeof from;
-    msg.msg_iov = &iov;
-    msg.msg_iovlen = 1;
-    msg.msg_control = control;
-    msg.msg_controllen = sizeof control;
-    ssize_t const n = recvmsg(fd_, &msg, MSG_DONTWAIT);
-    if (n < 0) return std::nullopt;
-    d.bytes.resize(static_cast<size_t>(n));
-    for (cmsghdr* c = CMSG_FIRSTHDR(&msg); c; c = CMSG_NXTHDR(&msg, c)) {
-      if (c->cmsg_level == IPPROTO_IP && c->cmsg_type == IP_TOS) d.tos = *CMSG_DATA(c);
-      if (c->cmsg_level == IPPROTO_IPV6 && c->cmsg_type == IPV6_TCLASS) {
-        int tclass;
-        std::memcpy(&tclass, CMSG_DATA(c), sizeof tclass);
-        d.tos = tclass;
-      }
-    }
-    char text[INET6_ADDRSTRLEN];
-    void const* addr = af_ == AF_INET6
-                           ? static_cast<void const*>(&reinterpret_cast<sockaddr_in6*>(&from)->sin6_addr)
-                           : static_cast<void const*>(&reinterpret_cast<sockaddr_in*>(&from)->sin_addr);
-    d.from = inet_ntop(af_, addr, text, sizeof text);
-    return d;
-  }
-
- private:
-  int af_;
-  int fd_;
-  bool bound_ = false;
-  uint16_t port_ = 0;
-};
 
 Ptr<Pkt> pktOf(std::vector<uint8_t> const& bytes) {
   Ptr<Pkt> p = PktManager::global().newPkt();
