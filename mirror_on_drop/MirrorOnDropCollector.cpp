@@ -59,9 +59,7 @@ void shorten(Detail::NameStorage& storage, size_t length) {
   storage.length = static_cast<uint32_t>(length);
 }
 
-std::string_view view(Detail::NameStorage const& storage) {
-  if (storage.length <= Detail::NameStorage::kCapacity)
-    return std::string_view(storage.bytes, storage.length);
+[[noreturn]] __attribute__((cold, noinline)) void oversizedStorage(Detail::NameStorage const& storage) {
   std::string dump;
   char hex[4];
   for (unsigned char c : storage.bytes) {
@@ -73,6 +71,12 @@ std::string_view view(Detail::NameStorage const& storage) {
   throw std::length_error("expected size <= " + std::to_string(Detail::NameStorage::kCapacity) +
                           ", instead got " + std::to_string(storage.length) +
                           ". Buffer is at address: " + address + " with contents: " + dump);
+}
+
+// The stored name; a length beyond the storage (a damaged shared slot) is reported, never read.
+inline std::string_view view(Detail::NameStorage const& storage) {
+  if (storage.length > Detail::NameStorage::kCapacity) oversizedStorage(storage);
+  return std::string_view(storage.bytes, storage.length);
 }
 
 // Jenkins' one-at-a-time hash over the given bytes, from 0.

@@ -396,8 +396,8 @@ void SenderSm::sendToCollector(String const& exporter, String const& collector, 
   // The type byte is deliberately left out of the byte count.
   uint64_t const reportBytes = pkt->bytes() - kTypeByte;
   Collector::Key const key(exporter, collector);
-  Collector::EntryStatus status =
-      collectorStatus_->entry(key) ? *collectorStatus_->entry(key) : Collector::EntryStatus(key);
+  Collector::EntryStatus const* current = collectorStatus_->entry(key);
+  Collector::EntryStatus status = current ? *current : Collector::EntryStatus(key);
   status.bytesIs(status.bytes() + reportBytes);
   if (isStop) {
     status.stopIs(status.stop() + 1);
