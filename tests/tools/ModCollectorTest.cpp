@@ -1,7 +1,6 @@
 // mod-collector, driven as a program: it listens on loopback ports it picks itself, the test sends it report
 // datagrams and reads what it prints through pipes.
 
-#include <arpa/inet.h>
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <netinet/in.h>
@@ -13,10 +12,14 @@
 
 #include <csignal>
 #include <cstdlib>
-#include <cstring>
 #include <optional>
 #include <string>
 #include <vector>
+
+#include "platform/io/DropFrameBuilder.h"
+#include "platform/io/UdpPam.h"
+#include "platform/types/PktManager.h"
+#include "tests/support/LoopbackReceiver.h"
 
 extern char** environ;
 
@@ -118,13 +121,10 @@ class Collector {
   }
 
  private:
+  // ctest puts the tools on PATH and names the build folder; run by hand, the folder decides.
   static std::string programPath() {
     char const* build = std::getenv("CALYX_BUILD_DIR");
-    if (build) {
-      std::string p = std::string(build) + "/tools/mod-collector";
-      if (access(p.c_str(), X_OK) == 0) return p;
-    }
-    return "mod-collector";  // from PATH
+    return build ? std::string(build) + "/tools/mod-collector" : "mod-collector";
   }
 
   pid_t pid_ = -1;
@@ -134,45 +134,34 @@ class Collector {
   LineReader errLines_{-1};
 };
 
-bool send(int af, uint16_t port, Bytes const& datagram, uint16_t* fromPort = nullptr) {
-  int const fd = socket(af, SOCK_DGRAM | SOCK_CLOEXEC, 0);
-  sockaddr_storage to{};
-  socklen_t len;
-  if (af == AF_INET6) {
-    auto* a = reinterpret_cast<sockaddr_in6*>(&to);
-    a->sin6_family = AF_INET6;
-    a->sin6_addr = in6addr_loopback;
-    a->sin6_port = htons(port);
-    len = sizeof *a;
-  } else {
-    auto* a = reinterpret_cast<sockaddr_in*>(&to);
-    a->sin_family = AF_INET;
-    a->sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    a->sin_port = htons(port);
-    len = sizeof *a;
+// Sends datagrams to loopback through the platform's UDP transmit, one socket per family, and tells the port
+// they came from (0 when the send failed).
+class Sender {
+ public:
+  Sender() {
+    v6_->ipv6EnIs(true);
+    for (auto* p : {&v4_, &v6_}) (*p)->modeIs(Calyx::UdpPam::kModeTransmit);
+    v4_->txDstIpAddrIs(Calyx::Ip4Addr::fromHost(INADDR_LOOPBACK));
+    v6_->txDstIp6AddrIs(*Calyx::Ip6Addr::parse("::1"));
   }
-  bool const ok = sendto(fd, datagram.data(), datagram.size(), 0, reinterpret_cast<sockaddr*>(&to), len) ==
-                  static_cast<ssize_t>(datagram.size());
-  if (fromPort) {
+  uint16_t send(int af, uint16_t port, Bytes const& datagram) {
+    Calyx::Ptr<Calyx::UdpPam> const& pam = af == AF_INET6 ? v6_ : v4_;
+    Calyx::Ptr<Calyx::Pkt> pkt = Calyx::PktManager::global().newPkt();
+    pkt->assign(datagram.data(), datagram.size());
+    pam->txPortIs(port);
+    pam->txPktIs(pkt);
+    if (pam->errno_() != 0) return 0;
     sockaddr_storage self{};
-    socklen_t selfLen = sizeof self;
-    getsockname(fd, reinterpret_cast<sockaddr*>(&self), &selfLen);
-    *fromPort = ntohs(af == AF_INET6 ? reinterpret_cast<sockaddr_in6*>(&self)->sin6_port
-                                     : reinterpret_cast<sockaddr_in*>(&self)->sin_port);
+    socklen_t len = sizeof self;
+    getsockname(pam->fd(), reinterpret_cast<sockaddr*>(&self), &len);
+    return ntohs(
+        reinterpret_cast<sockaddr_in*>(&self)->sin_port);  // the port sits at the same place for IPv6
   }
-  close(fd);
-  return ok;
-}
 
-bool ipv6LoopbackUsable() {
-  int const fd = socket(AF_INET6, SOCK_DGRAM, 0);
-  sockaddr_in6 a{};
-  a.sin6_family = AF_INET6;
-  a.sin6_addr = in6addr_loopback;
-  bool const ok = fd >= 0 && bind(fd, reinterpret_cast<sockaddr*>(&a), sizeof a) == 0;
-  if (fd >= 0) close(fd);
-  return ok;
-}
+ private:
+  Calyx::Ptr<Calyx::UdpPam> v4_ = Calyx::make<Calyx::UdpPam>("v4");
+  Calyx::Ptr<Calyx::UdpPam> v6_ = Calyx::make<Calyx::UdpPam>("v6");
+};
 
 void put16(Bytes& b, uint16_t v) {
   b.push_back(uint8_t(v >> 8));
@@ -181,9 +170,6 @@ void put16(Bytes& b, uint16_t v) {
 void put32(Bytes& b, uint32_t v) {
   put16(b, uint16_t(v >> 16));
   put16(b, uint16_t(v));
-}
-void putBytes(Bytes& b, std::initializer_list<uint8_t> v) {
-  b.insert(b.end(), v);
 }
 
 // A report: type, timestamp, four reason words, then the sample with its size byte in front.
@@ -197,63 +183,62 @@ Bytes report(uint8_t type, uint64_t ts, std::array<uint32_t, 4> reason, Bytes co
   return b;
 }
 
-// Ethernet 02:00:00:00:00:01 <- 02:00:00:00:00:02, VLANs 100 and 200, IPv4 TCP 10.0.0.1:1234 -> 10.0.0.2:80.
+// A dropped frame of 64 bytes: VLANs 100 (priority 1) and 200, IPv4 TCP 10.0.0.1:1234 -> 10.0.0.2:80.
 Bytes ipv4TcpSample() {
-  Bytes s;
-  putBytes(s, {2, 0, 0, 0, 0, 1, 2, 0, 0, 0, 0, 2});
-  put16(s, 0x8100);
-  put16(s, 0x2064);  // priority 1, id 100
-  put16(s, 0x8100);
-  put16(s, 200);
-  put16(s, 0x0800);
-  putBytes(s, {0x45, 0, 0, 40, 0, 0, 0x40, 0, 64, 6, 0, 0, 10, 0, 0, 1, 10, 0, 0, 2});
-  put16(s, 1234);
-  put16(s, 80);
-  putBytes(s, {0, 0, 0, 1, 0, 0, 0, 0});  // the rest of the TCP header, cut short
-  return s;
+  Calyx::DropFlow flow{*Calyx::EthAddr::parse("02:00:00:00:00:01"),
+                       *Calyx::EthAddr::parse("02:00:00:00:00:02"),
+                       {0x2064, 200},
+                       *Calyx::IpGenAddr::parse("10.0.0.1"),
+                       *Calyx::IpGenAddr::parse("10.0.0.2"),
+                       6,
+                       1234,
+                       80};
+  return Calyx::DropFrameBuilder::droppedFrame(flow, 64);
 }
 
-// Ethernet, IPv6 with a hop-by-hop header in front of UDP 2001:db8::1:5353 -> 2001:db8::2:53.
+// A dropped frame of 68 bytes: IPv6 UDP 2001:db8::1:5353 -> 2001:db8::2:53, no VLAN.
 Bytes ipv6UdpSample() {
-  Bytes s;
-  putBytes(s, {0x33, 0x33, 0, 0, 0, 1, 2, 0, 0, 0, 0, 3});
-  put16(s, 0x86dd);
-  putBytes(s, {0x60, 0, 0, 0, 0, 16, 0 /*hop-by-hop*/, 64});
-  putBytes(s, {0x20, 0x01, 0x0d, 0xb8, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 1});
-  putBytes(s, {0x20, 0x01, 0x0d, 0xb8, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 2});
-  putBytes(s, {17, 0, 1, 4, 0, 0, 0, 0});  // hop-by-hop: next UDP, 8 bytes
-  put16(s, 5353);
-  put16(s, 53);
-  put16(s, 8);
-  return s;
+  Calyx::DropFlow flow{*Calyx::EthAddr::parse("33:33:00:00:00:01"),
+                       *Calyx::EthAddr::parse("02:00:00:00:00:03"),
+                       {},
+                       *Calyx::IpGenAddr::parse("2001:db8::1"),
+                       *Calyx::IpGenAddr::parse("2001:db8::2"),
+                       17,
+                       5353,
+                       53};
+  return Calyx::DropFrameBuilder::droppedFrame(flow, 68);
 }
 
 TEST(ModCollectorTest, ReportsOfBothFamiliesDecodeToTheDocumentedJson) {
-  bool const v6 = ipv6LoopbackUsable();
+  bool const v6 = Calyx::Test::LoopbackReceiver(AF_INET6).bound();
   std::vector<std::string> args = {"--listen", "127.0.0.1:0", "--json", "--count", v6 ? "3" : "2"};
   if (v6) args.insert(args.end(), {"--listen", "[::1]:0"});
   Collector c(args);
   auto ports = c.ports(v6 ? 2 : 1);
   ASSERT_EQ(ports.size(), v6 ? 2u : 1u);
 
+  Sender sender;
   uint16_t from = 0;
-  ASSERT_TRUE(send(AF_INET, ports[0], report(0, 0x0102030405060708, {1, 2, 3, 255}, ipv4TcpSample()), &from));
+  from = sender.send(AF_INET, ports[0], report(0, 0x0102030405060708, {1, 2, 3, 255}, ipv4TcpSample()));
+  ASSERT_NE(from, 0);
   EXPECT_EQ(c.stdoutLines().line(),
             "{\"type\":\"START\",\"timestamp\":72623859790382856,"
-            "\"reason\":\"0x000000010000000200000003000000ff\",\"data_size\":54,"
+            "\"reason\":\"0x000000010000000200000003000000ff\",\"data_size\":64,"
             "\"dst_mac\":\"02:00:00:00:00:01\",\"src_mac\":\"02:00:00:00:00:02\",\"ethertype\":33024,"
             "\"vlans\":[100,200],\"flow\":{\"ip_proto\":6,\"src_ip\":\"10.0.0.1\",\"dst_ip\":\"10.0.0.2\","
             "\"src_port\":1234,\"dst_port\":80},\"from\":\"127.0.0.1:" +
                 std::to_string(from) + "\"}");
 
-  ASSERT_TRUE(send(AF_INET, ports[0], report(0, 7, {0, 0, 0, 0}, {}), &from));
+  from = sender.send(AF_INET, ports[0], report(0, 7, {0, 0, 0, 0}, {}));
+  ASSERT_NE(from, 0);
   EXPECT_EQ(c.stdoutLines().line(),
             "{\"type\":\"START\",\"timestamp\":7,\"reason\":\"0x00000000000000000000000000000000\","
             "\"data_size\":0,\"from\":\"127.0.0.1:" +
                 std::to_string(from) + "\"}");
 
   if (v6) {
-    ASSERT_TRUE(send(AF_INET6, ports[1], report(1, 9, {0, 0, 0, 0x80000000}, ipv6UdpSample()), &from));
+    from = sender.send(AF_INET6, ports[1], report(1, 9, {0, 0, 0, 0x80000000}, ipv6UdpSample()));
+    ASSERT_NE(from, 0);
     EXPECT_EQ(c.stdoutLines().line(),
               "{\"type\":\"STOP\",\"timestamp\":9,\"reason\":\"0x00000000000000000000000080000000\","
               "\"data_size\":68,\"dst_mac\":\"33:33:00:00:00:01\",\"src_mac\":\"02:00:00:00:00:03\","
@@ -278,8 +263,9 @@ TEST(ModCollectorTest, MalformedDatagramsAreReportedOnStderrOnly) {
   wrongLength.resize(wrongLength.size() + 4);
   Bytes tooLarge = report(0, 1, {}, Bytes(81, 0));
   std::vector<Bytes> bad = {Bytes(10, 0), wrongLength, report(2, 1, {}, {}), tooLarge, Bytes(25, 0)};
-  for (Bytes const& d : bad) ASSERT_TRUE(send(AF_INET, ports[0], d));
-  ASSERT_TRUE(send(AF_INET, ports[0], report(1, 5, {}, {})));
+  Sender sender;
+  for (Bytes const& d : bad) ASSERT_NE(sender.send(AF_INET, ports[0], d), 0);
+  ASSERT_NE(sender.send(AF_INET, ports[0], report(1, 5, {}, {})), 0);
 
   std::vector<std::string> out = c.stdoutLines().rest();
   ASSERT_EQ(out.size(), 1u);
@@ -308,7 +294,7 @@ TEST(ModCollectorTest, ReadableLinesAndStopByDuration) {
   ASSERT_EQ(ports.size(), 1u);
   Bytes cut = ipv4TcpSample();
   cut.resize(14 + 8 + 20 + 2);  // the ports are cut in half: the flow keeps its addresses, ports 0
-  ASSERT_TRUE(send(AF_INET, ports[0], report(0, 42, {0, 0, 0, 1}, cut)));
+  ASSERT_NE(Sender().send(AF_INET, ports[0], report(0, 42, {0, 0, 0, 1}, cut)), 0);
   auto line = c.stdoutLines().line();
   ASSERT_TRUE(line);
   EXPECT_NE(line->find("START"), std::string::npos) << *line;

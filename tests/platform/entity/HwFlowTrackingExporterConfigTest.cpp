@@ -13,9 +13,6 @@ namespace {
 class Recorder : public ExporterConfig::Reactor {
  public:
   using Reactor::Reactor;
-  void handleSrcIpAddr() override { log.push_back("src4"); }
-  void handleSrcIp6Addr() override { log.push_back("src6"); }
-  void handleDscp() override { log.push_back("dscp"); }
   void handleCollectorIpAndPort(String const& name) override { log.push_back("v4:" + name); }
   void handleCollectorIp6AndPort(String const& name) override { log.push_back("v6:" + name); }
   std::vector<std::string> log;
@@ -33,18 +30,6 @@ class ExporterConfigTest : public ::testing::Test {
   Ptr<ExporterConfig> exp = make<ExporterConfig>("exp1");
   Recorder rec{exp};
 };
-
-TEST_F(ExporterConfigTest, ScalarsNotifyOnlyWhenTheyChange) {
-  exp->srcIpAddrIs(Ip4Addr::fromHost(0x0a000001));
-  exp->srcIpAddrIs(Ip4Addr::fromHost(0x0a000001));
-  exp->srcIp6AddrIs(*Ip6Addr::parse("2001:db8::1"));
-  exp->srcIp6AddrIs(*Ip6Addr::parse("2001:db8::1"));
-  exp->dscpIs(DscpValue(46));
-  exp->dscpIs(DscpValue(46));
-  exp->dscpIs(DscpValue(0));
-  EXPECT_EQ(rec.log, (std::vector<std::string>{"src4", "src6", "dscp", "dscp"}));
-  EXPECT_EQ(exp->dscp().value(), 0);
-}
 
 TEST_F(ExporterConfigTest, CollectorsNotifyPerKeyInTheirOwnFamily) {
   exp->collectorIpAndPortIs("c1", v4(0x0a000002, 6343));

@@ -40,25 +40,6 @@ TEST(HwFlowTrackingStatusTest, StatusIsCreatedOnceAndNotifiedOnCreateAndDelete) 
   EXPECT_EQ(status->hwFtStatusCount(), 0u);
 }
 
-class FtStatusRecorder : public FtStatus::Reactor {
- public:
-  using Reactor::Reactor;
-  void handleActiveInterval() override { log.push_back("active"); }
-  void handleInactiveTimeout() override { log.push_back("inactive"); }
-  std::vector<std::string> log;
-};
-
-TEST(HwFlowTrackingStatusTest, IntervalsNotifyOnlyWhenTheyChange) {
-  Ptr<FtStatus> ft = make<FtStatus>("ft1");
-  FtStatusRecorder rec(ft);
-  ft->activeIntervalIs(FlowTracking::ActiveInterval());  // the default: no change
-  ft->inactiveTimeoutIs(FlowTracking::InactiveTimeout(30000));
-  ft->inactiveTimeoutIs(FlowTracking::InactiveTimeout(30000));
-  ft->activeIntervalIs(FlowTracking::ActiveInterval(60000));
-  EXPECT_EQ(rec.log, (std::vector<std::string>{"inactive", "active"}));
-  EXPECT_DOUBLE_EQ(ft->inactiveTimeout().seconds(), 30.0);
-}
-
 class ConfigRecorder : public Config::Reactor {
  public:
   using Reactor::Reactor;
