@@ -4,6 +4,7 @@
 #include <cstring>
 
 #include "mirror_on_drop/MirrorOnDropTraceManager.h"
+#include "platform/types/ByteOrder.h"
 #include "platform/types/EthAddr.h"
 #include "platform/types/IpHeader.h"
 
@@ -31,10 +32,6 @@ constexpr uint16_t kEtherTypeIp4 = 0x0800;
 constexpr uint16_t kEtherTypeIp6 = 0x86DD;
 constexpr uint8_t kTcp = 6;
 constexpr uint8_t kUdp = 17;
-
-uint16_t be16(uint8_t const* p) {
-  return static_cast<uint16_t>(p[0] << 8 | p[1]);
-}
 
 bool isTcpOrUdp(uint8_t proto) {
   return proto == kTcp || proto == kUdp;
@@ -262,7 +259,8 @@ void ReceiverSm::processPacket(IntfId const& intf, Ptr<Pkt> const& pkt) {
   // Deleting head bytes only moves the data pointer: the frame's first bytes stay where they are for the
   // sample.
   uint8_t const* const frame = p.data();
-  if (uint16_t const etherType = be16(frame + kMacsSize); etherType != Constant::vorlanModEthType()) {
+  if (uint16_t const etherType = Calyx::loadBe16(frame + kMacsSize);
+      etherType != Constant::vorlanModEthType()) {
     MOD_TRACE(trace(), 3,
               "Dropping Ethernet packet: non-Mirror-On-Drop EtherType = 0x" << std::hex << etherType << ".");
     return;
@@ -277,7 +275,7 @@ void ReceiverSm::processPacket(IntfId const& intf, Ptr<Pkt> const& pkt) {
       MOD_TRACE(trace(), 3, "Dropping Ethernet packet: truncated 802.1Q header, size = " << p.bytes() << ".");
       return;
     }
-    etherType = be16(p.data() + 2);
+    etherType = Calyx::loadBe16(p.data() + 2);
     p.headDel(kVlanTagSize);
   }
 
@@ -298,8 +296,8 @@ void ReceiverSm::processPacket(IntfId const& intf, Ptr<Pkt> const& pkt) {
                           << " packet: undersized header, size = " << p.bytes() << ".");
     return;
   }
-  uint16_t const srcPort = be16(p.data());
-  uint16_t const dstPort = be16(p.data() + 2);
+  uint16_t const srcPort = Calyx::loadBe16(p.data());
+  uint16_t const dstPort = Calyx::loadBe16(p.data() + 2);
 
   if (trace().isEnabled(5)) {
     MOD_TRACE(trace(), 5,

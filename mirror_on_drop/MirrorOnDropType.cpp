@@ -6,6 +6,7 @@
 #include <stdexcept>
 
 #include "mirror_on_drop/MirrorOnDropValueText.h"
+#include "platform/types/ByteOrder.h"
 
 namespace MirrorOnDrop::Report {
 
@@ -48,14 +49,11 @@ Report::Report(std::string_view text) {
 }
 
 Drop::Timestamp Report::timestamp() const {
-  uint64_t v = 0;
-  for (size_t i = 0; i < 8; ++i) v = v << 8 | bytes_[kTimestampOffset + i];
-  return Drop::Timestamp(v);
+  return Drop::Timestamp(Calyx::loadBe64(bytes_ + kTimestampOffset));
 }
 
 void Report::timestampIs(Drop::Timestamp t) {
-  uint64_t v = t.value();
-  for (size_t i = 8; i-- > 0; v >>= 8) bytes_[kTimestampOffset + i] = static_cast<uint8_t>(v);
+  Calyx::storeBe(bytes_ + kTimestampOffset, t.value(), 8);
 }
 
 // Drop::Reason already holds its words in network order: its bytes are the wire bytes.

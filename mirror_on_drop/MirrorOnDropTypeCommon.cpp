@@ -9,6 +9,7 @@
 
 #include "mirror_on_drop/MirrorOnDropValueText.h"
 #include "platform/core/EventLoop.h"
+#include "platform/types/ByteOrder.h"
 #include "platform/types/Hash.h"
 
 namespace MirrorOnDrop {
@@ -22,16 +23,6 @@ IpGenAddr parseAddress(std::string_view text, std::string_view name) {
   auto addr = IpGenAddr::parse(text);
   if (!addr) ValueTextReader::fail(name);
   return *addr;
-}
-
-uint64_t loadLittle(uint8_t const* p, size_t n) {
-  uint64_t v = 0;
-  for (size_t i = n; i-- > 0;) v = v << 8 | p[i];
-  return v;
-}
-
-void storeLittle(uint8_t* p, uint64_t v, size_t n) {
-  for (size_t i = 0; i < n; ++i, v >>= 8) p[i] = static_cast<uint8_t>(v);
 }
 
 }  // namespace
@@ -128,10 +119,9 @@ Header::Header(uint8_t const* bytes) {
 }
 
 Header::Header(Drop::PacketSize packetSize, Drop::Timestamp timestamp, uint16_t typeOrLen) {
-  storeLittle(bytes_, packetSize.value(), 2);
-  storeLittle(bytes_ + 2, timestamp.value(), 8);
-  bytes_[10] = static_cast<uint8_t>(typeOrLen >> 8);
-  bytes_[11] = static_cast<uint8_t>(typeOrLen);
+  Calyx::storeLe(bytes_, packetSize.value(), 2);
+  Calyx::storeLe(bytes_ + 2, timestamp.value(), 8);
+  Calyx::storeBe(bytes_ + 10, typeOrLen, 2);
 }
 
 Header::Header(std::string_view text) {
@@ -144,13 +134,13 @@ Header::Header(std::string_view text) {
 }
 
 Drop::PacketSize Header::packetSize() const {
-  return Drop::PacketSize(static_cast<uint16_t>(loadLittle(bytes_, 2)));
+  return Drop::PacketSize(static_cast<uint16_t>(Calyx::loadLe(bytes_, 2)));
 }
 Drop::Timestamp Header::timestamp() const {
-  return Drop::Timestamp(loadLittle(bytes_ + 2, 8));
+  return Drop::Timestamp(Calyx::loadLe(bytes_ + 2, 8));
 }
 uint16_t Header::typeOrLen() const {
-  return static_cast<uint16_t>(bytes_[10] << 8 | bytes_[11]);
+  return Calyx::loadBe16(bytes_ + 10);
 }
 
 std::string Header::valueToStrep() const {

@@ -2,6 +2,7 @@
 // errors.
 
 #include <gtest/gtest.h>
+
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -16,6 +17,7 @@
 #include <vector>
 
 #include "platform/io/DropFrameBuilder.h"
+#include "platform/types/ByteOrder.h"
 #include "platform/types/IpHeader.h"
 
 using namespace Calyx;
@@ -78,10 +80,6 @@ std::vector<Record> readPcap(std::string const& path) {
   return records;
 }
 
-uint16_t be16(uint8_t const* p) {
-  return uint16_t(p[0] << 8 | p[1]);
-}
-
 // What one well-formed mirrored frame says about itself.
 struct Decoded {
   uint16_t packetSize = 0;
@@ -97,9 +95,9 @@ Decoded decode(std::vector<uint8_t> const& f) {
   d.packetSize = uint16_t(f[14] | f[15] << 8);
   d.carried = f.size() - 12;
   size_t at = 26;
-  uint16_t type = be16(&f[24]);
+  uint16_t type = Calyx::loadBe16(&f[24]);
   while (type == 0x8100) {
-    type = be16(&f[at + 2]);
+    type = Calyx::loadBe16(&f[at + 2]);
     at += 4;
     ++d.tags;
   }
@@ -107,12 +105,12 @@ Decoded decode(std::vector<uint8_t> const& f) {
   if (d.v6) {
     Ip6HeaderView h(&f[at]);
     at += 40;
-    d.flow = {h.src(), h.dst(), h.nextHeader(), be16(&f[at]), be16(&f[at + 2])};
+    d.flow = {h.src(), h.dst(), h.nextHeader(), Calyx::loadBe16(&f[at]), Calyx::loadBe16(&f[at + 2])};
   } else {
     Ip4HeaderView h(&f[at]);
     d.checksumOk = h.checksumComputed() == 0;
     at += h.headerLength();
-    d.flow = {h.src(), h.dst(), h.protocol(), be16(&f[at]), be16(&f[at + 2])};
+    d.flow = {h.src(), h.dst(), h.protocol(), Calyx::loadBe16(&f[at]), Calyx::loadBe16(&f[at + 2])};
   }
   return d;
 }
@@ -144,7 +142,7 @@ TEST_F(ModGenTest, WritesFlowsTimesDropsWellFormedFramesCutLikeTheChip) {
     auto const& f = rec.bytes;
     ASSERT_EQ(rec.len, f.size());
     ASSERT_GE(f.size(), 26u);
-    ASSERT_EQ(be16(&f[12]), 0x1042);
+    ASSERT_EQ(Calyx::loadBe16(&f[12]), 0x1042);
     Decoded const d = decode(f);
     EXPECT_TRUE(d.checksumOk);
     EXPECT_GE(d.packetSize, d.carried) << "the original is at least what the mirror carries";

@@ -2,6 +2,8 @@
 
 #include <arpa/inet.h>
 
+#include "platform/types/ByteOrder.h"
+
 namespace ModCollector {
 namespace {
 
@@ -9,16 +11,6 @@ constexpr uint16_t kEtherTypeIpv4 = 0x0800;
 constexpr uint16_t kEtherTypeIpv6 = 0x86dd;
 constexpr uint8_t kProtoTcp = 6;
 constexpr uint8_t kProtoUdp = 17;
-
-uint16_t be16(uint8_t const* p) {
-  return static_cast<uint16_t>(p[0] << 8 | p[1]);
-}
-uint32_t be32(uint8_t const* p) {
-  return uint32_t(p[0]) << 24 | uint32_t(p[1]) << 16 | uint32_t(p[2]) << 8 | p[3];
-}
-uint64_t be64(uint8_t const* p) {
-  return uint64_t(be32(p)) << 32 | be32(p + 4);
-}
 
 bool isVlanEtherType(uint16_t t) {
   return t == 0x8100 || t == 0x88a8 || t == 0x9100;
@@ -39,8 +31,8 @@ struct Sample {
 void decodePorts(Sample s, size_t off, SampleFlow& flow) {
   if (flow.ipProto != kProtoTcp && flow.ipProto != kProtoUdp) return;
   if (!s.has(off, 4)) return;
-  flow.srcPort = be16(s.p + off);
-  flow.dstPort = be16(s.p + off + 2);
+  flow.srcPort = Calyx::loadBe16(s.p + off);
+  flow.dstPort = Calyx::loadBe16(s.p + off + 2);
 }
 
 std::optional<SampleFlow> decodeIpv4(Sample s, size_t off) {
@@ -52,7 +44,8 @@ std::optional<SampleFlow> decodeIpv4(Sample s, size_t off) {
   flow.ipProto = h[9];
   flow.srcIp = addrText(AF_INET, h + 12);
   flow.dstIp = addrText(AF_INET, h + 16);
-  bool const laterFragment = (be16(h + 6) & 0x1fff) != 0;  // only the first fragment carries the ports
+  bool const laterFragment =
+      (Calyx::loadBe16(h + 6) & 0x1fff) != 0;  // only the first fragment carries the ports
   if (!laterFragment) decodePorts(s, off + ihl, flow);
   return flow;
 }
@@ -77,7 +70,7 @@ std::optional<SampleFlow> decodeIpv6(Sample s, size_t off) {
     }
     if (next == 44) {  // fragment: ports only in the first one
       if (!s.has(off, 8)) break;
-      bool const laterFragment = (be16(s.p + off + 2) & 0xfff8) != 0;
+      bool const laterFragment = (Calyx::loadBe16(s.p + off + 2) & 0xfff8) != 0;
       next = s.p[off];
       off += 8;
       if (laterFragment) {
@@ -98,12 +91,12 @@ void decodeSample(Sample s, Report& r) {
   SampleEthernet eth;
   std::copy(s.p, s.p + 6, eth.dstMac.begin());
   std::copy(s.p + 6, s.p + 12, eth.srcMac.begin());
-  eth.etherType = be16(s.p + 12);
+  eth.etherType = Calyx::loadBe16(s.p + 12);
   uint16_t inner = eth.etherType;
   size_t off = 14;
   while (isVlanEtherType(inner) && s.has(off, 4)) {
-    eth.vlans.push_back(be16(s.p + off) & 0x0fff);
-    inner = be16(s.p + off + 2);
+    eth.vlans.push_back(Calyx::loadBe16(s.p + off) & 0x0fff);
+    inner = Calyx::loadBe16(s.p + off + 2);
     off += 4;
   }
   r.ethernet = std::move(eth);
@@ -138,8 +131,8 @@ std::optional<Report> decodeReport(uint8_t const* data, size_t size, std::string
   }
   Report r;
   r.type = data[0];
-  r.timestamp = be64(data + 1);
-  for (size_t i = 0; i < 4; ++i) r.reason[i] = be32(data + 9 + 4 * i);
+  r.timestamp = Calyx::loadBe64(data + 1);
+  for (size_t i = 0; i < 4; ++i) r.reason[i] = Calyx::loadBe32(data + 9 + 4 * i);
   r.dataSize = static_cast<uint8_t>(n);
   decodeSample(Sample{data + kReportHeaderSize, n}, r);
   return r;

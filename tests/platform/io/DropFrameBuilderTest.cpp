@@ -8,6 +8,7 @@
 #include <string>
 #include <vector>
 
+#include "platform/types/ByteOrder.h"
 #include "platform/types/IpHeader.h"
 
 using namespace Calyx;
@@ -27,25 +28,21 @@ Read rejected(char const* why) {
   return r;
 }
 
-uint16_t be16(uint8_t const* p) {
-  return uint16_t(p[0] << 8 | p[1]);
-}
-
 // The checks a receiver of mirrored frames makes, in its order, naming the first that fails.
 Read readMirrored(std::vector<uint8_t> const& f) {
   Read r;
   if (f.size() < 26) return rejected("undersized-ethernet");
-  if (be16(&f[12]) != 0x1042) return rejected("wrong-ethertype");
+  if (Calyx::loadBe16(&f[12]) != 0x1042) return rejected("wrong-ethertype");
   r.packetSize = uint16_t(f[14] | f[15] << 8);
   for (int i = 7; i >= 0; --i) r.timestamp = r.timestamp << 8 | f[16 + size_t(i)];
   r.flow.dMac = EthAddr::fromBytes(&f[0]);
   r.flow.sMac = EthAddr::fromBytes(&f[6]);
   size_t at = 26;
-  uint16_t type = be16(&f[24]);
+  uint16_t type = Calyx::loadBe16(&f[24]);
   while (type == 0x8100 && r.flow.vlanTags.size() < 2) {
     if (f.size() - at < 4) return rejected("truncated-vlan");
-    r.flow.vlanTags.push_back(be16(&f[at]));
-    type = be16(&f[at + 2]);
+    r.flow.vlanTags.push_back(Calyx::loadBe16(&f[at]));
+    type = Calyx::loadBe16(&f[at + 2]);
     at += 4;
   }
   size_t const left = f.size() - at;
@@ -76,8 +73,8 @@ Read readMirrored(std::vector<uint8_t> const& f) {
     return rejected("non-ip-ethertype");
   }
   if (f.size() - at < 4) return rejected("truncated-transport");
-  r.flow.srcPort = be16(&f[at]);
-  r.flow.dstPort = be16(&f[at + 2]);
+  r.flow.srcPort = Calyx::loadBe16(&f[at]);
+  r.flow.dstPort = Calyx::loadBe16(&f[at + 2]);
   return r;
 }
 

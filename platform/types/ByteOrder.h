@@ -1,0 +1,33 @@
+#pragma once
+// Reading and writing numbers at an explicit byte order in raw buffers (headers, frames, report packets), one
+// byte at a time, so alignment never matters and the host's own byte order never leaks in.
+
+#include <cstddef>
+#include <cstdint>
+
+namespace Calyx {
+
+inline uint16_t loadBe16(uint8_t const* p) {
+  return static_cast<uint16_t>(p[0] << 8 | p[1]);
+}
+inline uint32_t loadBe32(uint8_t const* p) {
+  return uint32_t(p[0]) << 24 | uint32_t(p[1]) << 16 | uint32_t(p[2]) << 8 | p[3];
+}
+inline uint64_t loadBe64(uint8_t const* p) {
+  return uint64_t(loadBe32(p)) << 32 | loadBe32(p + 4);
+}
+
+// The n low bytes of v, most significant first / least significant first.
+inline void storeBe(uint8_t* p, uint64_t v, size_t n) {
+  for (size_t i = n; i-- > 0; v >>= 8) p[i] = static_cast<uint8_t>(v);
+}
+inline void storeLe(uint8_t* p, uint64_t v, size_t n) {
+  for (size_t i = 0; i < n; ++i, v >>= 8) p[i] = static_cast<uint8_t>(v);
+}
+inline uint64_t loadLe(uint8_t const* p, size_t n) {
+  uint64_t v = 0;
+  for (size_t i = n; i-- > 0;) v = v << 8 | p[i];
+  return v;
+}
+
+}  // namespace Calyx
