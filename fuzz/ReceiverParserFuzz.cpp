@@ -1,5 +1,5 @@
-// Feeds arbitrary bytes to the mirrored drop frame parser. Whatever the bytes, the parser either rejects the frame
-// or stores a key and a report whose sample stays within its 80 bytes; sanitizers watch every read.
+// Feeds arbitrary bytes to the mirrored drop frame parser. Whatever the bytes, the parser either rejects the
+// frame or stores a key and a report whose sample stays within its 80 bytes; sanitizers watch every read.
 #include <cstddef>
 #include <cstdint>
 #include <cstdlib>

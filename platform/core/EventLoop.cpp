@@ -91,9 +91,9 @@ void EventLoop::signalsEnable() {
   sigemptyset(&set);
   for (int s : {SIGINT, SIGTERM, SIGHUP}) sigaddset(&set, s);
   if (sigprocmask(SIG_BLOCK, &set, nullptr) < 0) throwErrno("sigprocmask");
-  // A signal whose disposition is "ignore" is discarded before it could be queued for the signalfd (a program started
-  // in the background of a non-interactive shell ignores SIGINT): restore the default, which the block above keeps
-  // from ever running.
+  // A signal whose disposition is "ignore" is discarded before it could be queued for the signalfd (a program
+  // started in the background of a non-interactive shell ignores SIGINT): restore the default, which the
+  // block above keeps from ever running.
   for (int s : {SIGINT, SIGTERM, SIGHUP}) std::signal(s, SIG_DFL);
   signalFd_ = signalfd(-1, &set, SFD_NONBLOCK | SFD_CLOEXEC);
   if (signalFd_ < 0) throwErrno("signalfd");
