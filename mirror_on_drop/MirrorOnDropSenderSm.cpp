@@ -396,15 +396,19 @@ void SenderSm::sendToCollector(String const& exporter, String const& collector, 
   // The type byte is deliberately left out of the byte count.
   uint64_t const reportBytes = pkt->bytes() - kTypeByte;
   Collector::Key const key(exporter, collector);
-  Collector::EntryStatus const* current = collectorStatus_->entry(key);
-  Collector::EntryStatus status = current ? *current : Collector::EntryStatus(key);
-  status.bytesIs(status.bytes() + reportBytes);
-  if (isStop) {
-    status.stopIs(status.stop() + 1);
-  } else {
-    status.startIs(status.start() + 1);
+  auto const count = [&](Collector::EntryStatus& status) {
+    status.bytesIs(status.bytes() + reportBytes);
+    if (isStop) {
+      status.stopIs(status.stop() + 1);
+    } else {
+      status.startIs(status.start() + 1);
+    }
+  };
+  if (!collectorStatus_->entryUpdate(key, count)) {
+    Collector::EntryStatus status(key);
+    count(status);
+    collectorStatus_->entryCommit(status);
   }
-  collectorStatus_->entryCommit(status);
   MOD_TRACE(trace(), 5, "  Updating status: report packet was sent, collector = '" << collector << "'.");
 }
 

@@ -109,6 +109,21 @@ class SharedTable : public Object, public Notifier<SharedTable<K, V>> {
     this->notify(&Reactor::handleEntry, key);
   }
 
+  // In-place update of an existing entry, for counters: change(V&) edits a copy of the stored value, which is
+  // then published and notified like entryCommit, with one look-up instead of a look-up and a commit. False,
+  // and change not called, when key has no entry. change must leave the key as it is.
+  template <class F>
+  bool entryUpdate(K const& key, F&& change) {
+    Probe p;
+    if (!headerSound() || !probe(key, hashOf(key), p) || !p.found) return false;
+    V v = valueAt(p.index);
+    change(v);
+    writeValue(p.index, v);
+    publishCounts();
+    this->notify(&Reactor::handleEntry, key);
+    return true;
+  }
+
   // Removes key's entry; false (and no notification) when there is none.
   bool entryDel(K const& key) {
     Probe p;
