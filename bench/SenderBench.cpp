@@ -7,6 +7,7 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <cstring>
 #include <string>
 #include <vector>
 
@@ -103,7 +104,46 @@ void BM_RawSendto(benchmark::State& state) {
   state.SetItemsProcessed(static_cast<int64_t>(state.iterations()) * kBatch);
 }
 
+void BM_RawSendmsgWithSource(benchmark::State& state) {
+  Receivers rx(static_cast<int>(state.range(0)));
+  int const fd = socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
+  std::vector<uint8_t> datagram(106, 0x5a);
+  std::vector<sockaddr_in> to(rx.ports.size());
+  for (size_t i = 0; i < to.size(); ++i) {
+    to[i].sin_family = AF_INET;
+    to[i].sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    to[i].sin_port = htons(rx.ports[i]);
+  }
+  alignas(cmsghdr) char control[CMSG_SPACE(sizeof(in_pktinfo))] = {};
+  for (auto _ : state) {
+    for (int k = 0; k < kBatch; ++k) {
+      datagram[1] = uint8_t(k);
+      for (auto& a : to) {
+        iovec iov{datagram.data(), datagram.size()};
+        msghdr msg{};
+        msg.msg_name = &a;
+        msg.msg_namelen = sizeof a;
+        msg.msg_iov = &iov;
+        msg.msg_iovlen = 1;
+        msg.msg_control = control;
+        msg.msg_controllen = sizeof control;
+        cmsghdr* c = CMSG_FIRSTHDR(&msg);
+        c->cmsg_level = IPPROTO_IP;
+        c->cmsg_type = IP_PKTINFO;
+        c->cmsg_len = CMSG_LEN(sizeof(in_pktinfo));
+        in_pktinfo info{};
+        info.ipi_spec_dst.s_addr = htonl(INADDR_LOOPBACK);
+        std::memcpy(CMSG_DATA(c), &info, sizeof info);
+        sendmsg(fd, &msg, MSG_DONTWAIT);
+      }
+    }
+  }
+  close(fd);
+  state.SetItemsProcessed(static_cast<int64_t>(state.iterations()) * kBatch);
+}
+
 BENCHMARK(BM_SendReport)->Arg(1)->Arg(4)->UseRealTime();
 BENCHMARK(BM_RawSendto)->Arg(1)->Arg(4)->UseRealTime();
+BENCHMARK(BM_RawSendmsgWithSource)->Arg(1)->Arg(4)->UseRealTime();
 
 }  // namespace
