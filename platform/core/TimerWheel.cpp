@@ -1,12 +1,24 @@
 #include "platform/core/TimerWheel.h"
 
 #include <algorithm>
+#include <bit>
 #include <cmath>
-#include <vector>
 
 #include "platform/core/EventLoop.h"
 
 namespace Calyx {
+
+namespace {
+
+// Intrusive doubly-linked list of timers, by head pointer.
+void listPush(Timer*& head, Timer* t, Timer* Timer::*prev, Timer* Timer::*next) {
+  t->*prev = nullptr;
+  t->*next = head;
+  if (head) head->*prev = t;
+  head = t;
+}
+
+}  // namespace
 
 Timer::Timer(Ptr<TimerWheel> wheel) : wheel_(std::move(wheel)) {}
 
@@ -29,9 +41,12 @@ TimerWheel::TimerWheel(EventLoop& loop, uint32_t granularity, uint32_t maxTicks,
     : loop_(&loop),
       clock_(&loop.clock()),
       granularitySeconds_(std::max<uint32_t>(granularity, 1) / 1000.0),
-      maxTicks_(std::max<uint32_t>(maxTicks, 1)),
       fireInBatches_(fireInBatches),
       maxFirePerTurn_(std::max<uint32_t>(maxFirePerTurn, 1)) {
+  uint64_t const slots = std::bit_ceil(std::clamp<uint64_t>(maxTicks, 64, kMaxRing));
+  ring_.assign(slots, nullptr);
+  occupied_.assign(slots / 64, 0);
+  base_ = tickOf(now());
   loop_->timerWheelAdd(this);
 }
 
@@ -46,23 +61,31 @@ uint64_t TimerWheel::tickOf(double t) const {
 }
 
 void TimerWheel::file(Timer* t) {
-  uint64_t const horizon = tickOf(now()) + maxTicks_;
-  t->bucket_ = std::min(tickOf(t->timeMin_), horizon);
-  Bucket& b = buckets_[t->bucket_];
-  t->prev_ = nullptr;
-  t->next_ = b.head;
-  if (b.head) b.head->prev_ = t;
-  b.head = t;
+  // A time already passed goes into the current bucket: it is due at once.
+  t->tick_ = std::max(tickOf(t->timeMin_), base_);
+  t->inOverflow_ = t->tick_ >= base_ + ring_.size();
+  if (t->inOverflow_) {
+    listPush(overflow_, t, &Timer::prev_, &Timer::next_);
+    overflowMinTick_ = std::min(overflowMinTick_, t->tick_);
+  } else {
+    size_t const slot = slotOf(t->tick_);
+    listPush(ring_[slot], t, &Timer::prev_, &Timer::next_);
+    occupied_[slot / 64] |= uint64_t(1) << (slot % 64);
+  }
   t->filed_ = true;
   ++armed_;
 }
 
 void TimerWheel::unfile(Timer* t) {
-  auto it = buckets_.find(t->bucket_);
+  Timer*& head = t->inOverflow_ ? overflow_ : ring_[slotOf(t->tick_)];
   if (t->prev_) t->prev_->next_ = t->next_;
   if (t->next_) t->next_->prev_ = t->prev_;
-  if (it->second.head == t) it->second.head = t->next_;
-  if (!it->second.head) buckets_.erase(it);
+  if (head == t) head = t->next_;
+  if (!t->inOverflow_ && !head) {
+    size_t const slot = slotOf(t->tick_);
+    occupied_[slot / 64] &= ~(uint64_t(1) << (slot % 64));
+  }
+  // overflowMinTick_ stays a lower bound: refileOverflow() finds the true one.
   t->prev_ = t->next_ = nullptr;
   t->filed_ = false;
   --armed_;
@@ -73,42 +96,93 @@ bool TimerWheel::isDue(Timer const* t, double now) const {
   return t->timeMin_ <= now;
 }
 
-double TimerWheel::nextDue() const {
-  if (buckets_.empty()) return kNever;
-  auto const& [tick, bucket] = *buckets_.begin();
-  // The first bucket holds the earliest timers, except for timers parked in a horizon bucket: waking at the
-  // end of the first bucket at the latest re-files those and finds the true next time.
-  double due = static_cast<double>(tick + 1) * granularitySeconds_;
-  if (!fireInBatches_) {
-    for (Timer const* t = bucket.head; t; t = t->next_) due = std::min(due, t->timeMin_);
+std::optional<uint64_t> TimerWheel::occupiedAfter(uint64_t from, uint64_t limit) const {
+  size_t const mask = ring_.size() - 1;
+  size_t const start = slotOf(from);
+  limit = std::min<uint64_t>(limit, ring_.size());
+  // Walk the bitmap a word at a time from the start slot, round the ring at most once.
+  for (uint64_t done = 0; done < limit;) {
+    size_t const slot = (start + done) & mask;
+    uint64_t const word = occupied_[slot / 64] >> (slot % 64);
+    if (word) {
+      uint64_t const distance = done + static_cast<uint64_t>(std::countr_zero(word));
+      return distance < limit ? std::optional<uint64_t>(distance) : std::nullopt;
+    }
+    done += 64 - slot % 64;
   }
+  return std::nullopt;
+}
+
+double TimerWheel::nextDue() const {
+  if (armed_ == 0) return kNever;
+  Timer const* head = nullptr;
+  uint64_t tick = overflowMinTick_;
+  if (auto const distance = occupiedAfter(base_, ring_.size())) {
+    tick = base_ + *distance;
+    head = ring_[slotOf(tick)];
+  } else {
+    head = overflow_;
+  }
+  if (fireInBatches_ || head == overflow_) {
+    // Overflow timers are woken for at their bucket's end at the latest, and filed into the ring then.
+    double due = static_cast<double>(tick + 1) * granularitySeconds_;
+    if (!fireInBatches_) {
+      for (Timer const* t = overflow_; t; t = t->next_) due = std::min(due, t->timeMin_);
+    }
+    return due;
+  }
+  double due = kNever;
+  for (Timer const* t = head; t; t = t->next_) due = std::min(due, t->timeMin_);
   return due;
+}
+
+void TimerWheel::collect(size_t slot, double now, std::vector<Ptr<Timer>>& due) {
+  for (Timer* t = ring_[slot]; t;) {
+    Timer* const next = t->next_;
+    if (isDue(t, now)) {
+      unfile(t);
+      due.emplace_back(t);
+    }
+    t = next;
+  }
+}
+
+void TimerWheel::refileOverflow() {
+  Timer* t = overflow_;
+  overflow_ = nullptr;
+  overflowMinTick_ = UINT64_MAX;
+  while (t) {
+    Timer* const next = t->next_;
+    t->prev_ = t->next_ = nullptr;
+    t->filed_ = false;
+    --armed_;
+    file(t);
+    t = next;
+  }
 }
 
 size_t TimerWheel::fireDue() {
   double const now = this->now();
   uint64_t const nowTick = tickOf(now);
+  // The scratch vector keeps its capacity from turn to turn; a nested call (a handler running the loop)
+  // simply finds it empty and allocates its own.
   std::vector<Ptr<Timer>> due;
-  std::vector<Timer*> refile;
-  while (!buckets_.empty() && buckets_.begin()->first <= nowTick) {
-    for (Timer* t = buckets_.begin()->second.head; t; t = t->next_) {
-      if (isDue(t, now)) {
-        due.emplace_back(t);
-      } else {
-        refile.push_back(t);
-      }
+  due.swap(scratch_);
+  if (nowTick >= base_) {
+    // Every bucket from the last turn's up to now; a jump longer than the ring visits each slot once.
+    uint64_t const span = std::min<uint64_t>(nowTick - base_ + 1, ring_.size());
+    for (uint64_t distance = 0; distance < span; ++distance) {
+      auto const next = occupiedAfter(base_ + distance, span - distance);
+      if (!next) break;
+      distance += *next;
+      collect(slotOf(base_ + distance), now, due);
     }
-    // Unlink the whole bucket at once; the timers in it are either fired below or filed again.
-    for (Timer* t = buckets_.begin()->second.head; t;) {
-      Timer* next = t->next_;
-      t->prev_ = t->next_ = nullptr;
-      t->filed_ = false;
-      --armed_;
-      t = next;
-    }
-    buckets_.erase(buckets_.begin());
+    base_ = nowTick;
   }
-  for (Timer* t : refile) file(t);
+  if (overflow_ && overflowMinTick_ < base_ + ring_.size()) {
+    refileOverflow();
+    collect(slotOf(base_), now, due);
+  }
 
   std::sort(due.begin(), due.end(), [](Ptr<Timer> const& a, Ptr<Timer> const& b) {
     return a->timeMin_ != b->timeMin_ ? a->timeMin_ < b->timeMin_ : a->armSeq_ < b->armSeq_;
@@ -125,6 +199,8 @@ size_t TimerWheel::fireDue() {
     ++fired;
     t->notify(&Timer::Reactor::handleTimer);
   }
+  due.clear();
+  if (due.capacity() > scratch_.capacity()) due.swap(scratch_);
   return fired;
 }
 

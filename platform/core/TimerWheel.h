@@ -6,26 +6,24 @@
 // reactors (handleTimer), so a handler may re-arm its own timer. A timer belongs to the object it serves:
 // when its last Ptr goes the timer is cancelled.
 //
-// The wheel files armed timers into buckets of `granularity` milliseconds, keyed by tick; arming and
-// cancelling cost one bucket look-up and an unlink. The four tuning arguments:
-//   granularity    width of a bucket in milliseconds. Timers still fire at their exact time (see
-//   fireInBatches);
-//                  the bucket only groups them.
-//   maxTicks       the wheel's horizon in buckets. A timer further out than that waits in the horizon bucket
-//   and is
-//                  filed again when the wheel reaches it, so far-away timers cost nothing until they come
-//                  near.
-//   fireInBatches  false: a timer fires on the first loop turn at or after its time. true: timers fire only
-//   when their
-//                  whole bucket has passed, all together (coarser, fewer wake-ups).
-//   maxFirePerTurn at most this many timers fire in one loop turn; the rest fire in the next turn, after I/O,
-//   so a
-//                  storm of timers cannot starve the sockets.
+// The wheel is a ring of buckets, one per tick of `granularity` milliseconds, with an occupancy bitmap:
+// arming and cancelling a timer is an unlink and a link, finding the next due bucket a scan of bitmap words.
+// The four tuning arguments:
+//   granularity     width of a bucket in milliseconds. Timers still fire at their exact time (see
+//                   fireInBatches); the bucket only groups them.
+//   maxTicks        the wheel's horizon in buckets (rounded up to a power of two from 64 to 4096). A timer
+//                   further out waits in an overflow list and is filed into the ring when the wheel comes
+//                   near, so far-away timers cost nothing until then.
+//   fireInBatches   false: a timer fires on the first loop turn at or after its time. true: timers fire only
+//                   when their whole bucket has passed, all together (coarser, fewer wake-ups).
+//   maxFirePerTurn  at most this many timers fire in one loop turn; the rest fire in the next turn, after
+//                   I/O, so a storm of timers cannot starve the sockets.
 // Due timers fire in order of their time, and in arming order for equal times.
 
 #include <cstddef>
 #include <cstdint>
-#include <map>
+#include <optional>
+#include <vector>
 
 #include "platform/core/Clock.h"
 #include "platform/core/Entity.h"
@@ -61,7 +59,8 @@ class Timer : public Object, public Notifier<Timer> {
   uint64_t armSeq_ = 0;  // arming order, for ties
   // Bucket membership (intrusive list; no allocation per arm).
   bool filed_ = false;
-  uint64_t bucket_ = 0;
+  bool inOverflow_ = false;  // in the overflow list rather than the ring
+  uint64_t tick_ = 0;        // the bucket it is filed under
   Timer* prev_ = nullptr;
   Timer* next_ = nullptr;
 };
@@ -86,24 +85,32 @@ class TimerWheel : public Object {
 
  private:
   friend class Timer;
-  struct Bucket {
-    Timer* head = nullptr;
-  };
+  static constexpr uint64_t kMaxRing = 4096;
 
   void file(Timer* t);
   void unfile(Timer* t);
   uint64_t tickOf(double t) const;
+  size_t slotOf(uint64_t tick) const { return static_cast<size_t>(tick & (ring_.size() - 1)); }
   bool isDue(Timer const* t, double now) const;
+  // The first occupied slot at or after tick `from`, as a distance in ticks less than limit (at most one
+  // turn of the ring).
+  std::optional<uint64_t> occupiedAfter(uint64_t from, uint64_t limit) const;
+  void collect(size_t slot, double now, std::vector<Ptr<Timer>>& due);
+  void refileOverflow();
 
   Ptr<EventLoop> loop_;
   Ptr<Clock const> clock_;
   double granularitySeconds_;
-  uint64_t maxTicks_;
   bool fireInBatches_;
   uint32_t maxFirePerTurn_;
-  std::map<uint64_t, Bucket> buckets_;
+  std::vector<Timer*> ring_;        // list heads; slot = tick modulo the ring size
+  std::vector<uint64_t> occupied_;  // one bit per slot
+  Timer* overflow_ = nullptr;       // timers beyond the ring
+  uint64_t overflowMinTick_ = UINT64_MAX;
+  uint64_t base_ = 0;  // the ring holds ticks [base_, base_ + ring size); earlier ones have fired
   size_t armed_ = 0;
   uint64_t nextArmSeq_ = 0;
+  std::vector<Ptr<Timer>> scratch_;  // fireDue's list of due timers
 };
 
 }  // namespace Calyx
