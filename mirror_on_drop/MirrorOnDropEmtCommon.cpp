@@ -29,16 +29,7 @@ bool parseBool(std::string_view text, std::string_view name) {
 
 Key::Key(std::string_view text) {
   ValueTextReader r(text, "MirrorOnDrop::Emt::Key", "ipProto");
-  flow_.ipProtoIs(r.number<uint8_t>("ipProto"));
-  auto address = [&](std::string_view name) {
-    auto a = IpGenAddr::parse(r.field(name));
-    if (!a) ValueTextReader::fail(name);
-    return *a;
-  };
-  flow_.srcIpIs(address("srcIp"));
-  flow_.dstIpIs(address("dstIp"));
-  flow_.srcPortIs(r.number<uint16_t>("srcPort"));
-  flow_.dstPortIs(r.number<uint16_t>("dstPort"));
+  flow_ = FlowKey::fieldsRead(r);
   intfId_ = parseIntf(r.field("intfId"));
   r.end("intfId");
 }
@@ -52,24 +43,15 @@ bool Key::operator<(Key const& o) const {
 uint32_t Key::hash(uint32_t seed) const {
   // The flow key's inputs in the same order, then the interface's hash.
   Calyx::IncrementalHash h(seed);
-  h.add8(flow_.ipProto());
-  h.add32(flow_.srcIp().hash());
-  h.add32(flow_.dstIp().hash());
-  h.add16(flow_.srcPort());
-  h.add16(flow_.dstPort());
+  flow_.hashFeed(h);
   h.add32(intfId_.hash());
   return h.value();
 }
 
 std::string Key::valueToStrep() const {
-  return ValueTextWriter("MirrorOnDrop::Emt::Key")
-      .field("ipProto", flow_.ipProto())
-      .field("srcIp", flow_.srcIp())
-      .field("dstIp", flow_.dstIp())
-      .field("srcPort", flow_.srcPort())
-      .field("dstPort", flow_.dstPort())
-      .field("intfId", intfId_)
-      .str();
+  ValueTextWriter w("MirrorOnDrop::Emt::Key");
+  flow_.fieldsWrite(w);
+  return w.field("intfId", intfId_).str();
 }
 
 EntryStatus::EntryStatus(std::string_view text) {

@@ -5,11 +5,10 @@
 //
 // Three kinds of attribute:
 // - one-shot event flags, raised by a pulse (a plain store of false, then the setter with true), so that
-// every raise
-//   reaches the reactors even when the flag already stood true; no code lowers them with a notification;
+//   every raise reaches the reactors even when the flag already stood true; no code lowers them with a
+//   notification;
 // - argument slots (emtKey, report, reportKey), stored without notification just before a notifying counter
-// moves,
-//   and valid only while that counter's notification runs;
+//   moves, and valid only while that counter's notification runs;
 // - 64-bit counters that double as statistics; they count from the plug-in's start and are never reset.
 // isTogglingFeatureOff is the one flag that is a state: raised with the setter, lowered by a plain store.
 

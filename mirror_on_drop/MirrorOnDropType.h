@@ -1,7 +1,7 @@
 #pragma once
 // The stored drop report and its type, and the feature's UDP transmit endpoint.
 //
-// The stored drop report and its type. A Report::Report is held in the exact byte layout of a report packet's
+// A Report::Report is held in the exact byte layout of a report packet's
 // body, every number already in network order, so the sender copies it into packets without conversion:
 //   offset 0   8 bytes  timestamp, big-endian
 //   offset 8  16 bytes  reason, four big-endian words

@@ -157,12 +157,26 @@ FlowKey::FlowKey(std::string_view text) : FlowKey(text, "MirrorOnDrop::FlowKey")
 
 FlowKey::FlowKey(std::string_view text, std::string_view typeName) {
   ValueTextReader r(text, typeName, "ipProto");
-  ipProto_ = r.number<uint8_t>("ipProto");
-  srcIp_ = parseAddress(r.field("srcIp"), "srcIp");
-  dstIp_ = parseAddress(r.field("dstIp"), "dstIp");
-  srcPort_ = r.number<uint16_t>("srcPort");
-  dstPort_ = r.number<uint16_t>("dstPort");
+  *this = fieldsRead(r);
   r.end("dstPort");
+}
+
+FlowKey FlowKey::fieldsRead(ValueTextReader& r) {
+  FlowKey k;
+  k.ipProto_ = r.number<uint8_t>("ipProto");
+  k.srcIp_ = parseAddress(r.field("srcIp"), "srcIp");
+  k.dstIp_ = parseAddress(r.field("dstIp"), "dstIp");
+  k.srcPort_ = r.number<uint16_t>("srcPort");
+  k.dstPort_ = r.number<uint16_t>("dstPort");
+  return k;
+}
+
+void FlowKey::fieldsWrite(ValueTextWriter& w) const {
+  w.field("ipProto", ipProto_)
+      .field("srcIp", srcIp_)
+      .field("dstIp", dstIp_)
+      .field("srcPort", srcPort_)
+      .field("dstPort", dstPort_);
 }
 
 bool FlowKey::operator==(FlowKey const& o) const {
@@ -177,22 +191,22 @@ bool FlowKey::operator<(FlowKey const& o) const {
 
 uint32_t FlowKey::hash(uint32_t seed) const {
   Calyx::IncrementalHash h(seed);
+  hashFeed(h);
+  return h.value();
+}
+
+void FlowKey::hashFeed(Calyx::IncrementalHash& h) const {
   h.add8(ipProto_);
   h.add32(srcIp_.hash());
   h.add32(dstIp_.hash());
   h.add16(srcPort_);
   h.add16(dstPort_);
-  return h.value();
 }
 
 std::string FlowKey::strep(std::string_view typeName) const {
-  return ValueTextWriter(typeName)
-      .field("ipProto", ipProto_)
-      .field("srcIp", srcIp_)
-      .field("dstIp", dstIp_)
-      .field("srcPort", srcPort_)
-      .field("dstPort", dstPort_)
-      .str();
+  ValueTextWriter w(typeName);
+  fieldsWrite(w);
+  return w.str();
 }
 
 Calyx::SharedTableOptions Detail::sharedTableOptions() {

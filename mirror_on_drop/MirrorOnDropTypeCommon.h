@@ -13,11 +13,17 @@
 
 #include "platform/core/Clock.h"
 #include "platform/table/SharedTableOptions.h"
+#include "platform/types/Hash.h"
 #include "platform/types/IpGenAddr.h"
 
 namespace MirrorOnDrop {
 
 using Calyx::IpGenAddr;
+
+namespace Detail {
+class ValueTextReader;
+class ValueTextWriter;
+}  // namespace Detail
 
 // The feature's constants. No state: any two are equal.
 class Constant {
@@ -157,8 +163,14 @@ class FlowKey {
   bool operator<(FlowKey const& o) const;
   // Fed, in order: the protocol byte, the 4-byte hashes of the source and destination addresses, both ports.
   uint32_t hash(uint32_t seed = 0) const;
+  // Feeds those inputs to h, for keys that hash a flow key and more.
+  void hashFeed(Calyx::IncrementalHash& h) const;
 
   std::string valueToStrep() const { return strep("MirrorOnDrop::FlowKey"); }
+
+  // The five attributes as fields of a text form, for values that hold a flow key and more.
+  static FlowKey fieldsRead(Detail::ValueTextReader& r);
+  void fieldsWrite(Detail::ValueTextWriter& w) const;
 
  protected:
   // The text form under another type name (a report key is the same five-tuple).
