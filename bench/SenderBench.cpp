@@ -40,6 +40,15 @@ struct Receivers {
   ~Receivers() {
     for (int fd : fds) close(fd);
   }
+  std::vector<sockaddr_in> addresses() const {
+    std::vector<sockaddr_in> to(ports.size());
+    for (size_t i = 0; i < to.size(); ++i) {
+      to[i].sin_family = AF_INET;
+      to[i].sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+      to[i].sin_port = htons(ports[i]);
+    }
+    return to;
+  }
   std::vector<int> fds;
   std::vector<uint16_t> ports;
 };
@@ -86,12 +95,7 @@ void BM_RawSendto(benchmark::State& state) {
   Receivers rx(static_cast<int>(state.range(0)));
   int const fd = socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
   std::vector<uint8_t> datagram(106, 0x5a);
-  std::vector<sockaddr_in> to(rx.ports.size());
-  for (size_t i = 0; i < to.size(); ++i) {
-    to[i].sin_family = AF_INET;
-    to[i].sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    to[i].sin_port = htons(rx.ports[i]);
-  }
+  std::vector<sockaddr_in> to = rx.addresses();
   for (auto _ : state) {
     for (int k = 0; k < kBatch; ++k) {
       datagram[1] = uint8_t(k);
@@ -108,12 +112,7 @@ void BM_RawSendmsgWithSource(benchmark::State& state) {
   Receivers rx(static_cast<int>(state.range(0)));
   int const fd = socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
   std::vector<uint8_t> datagram(106, 0x5a);
-  std::vector<sockaddr_in> to(rx.ports.size());
-  for (size_t i = 0; i < to.size(); ++i) {
-    to[i].sin_family = AF_INET;
-    to[i].sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    to[i].sin_port = htons(rx.ports[i]);
-  }
+  std::vector<sockaddr_in> to = rx.addresses();
   alignas(cmsghdr) char control[CMSG_SPACE(sizeof(in_pktinfo))] = {};
   for (auto _ : state) {
     for (int k = 0; k < kBatch; ++k) {

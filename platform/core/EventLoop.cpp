@@ -129,14 +129,14 @@ bool EventLoop::fireTimers() {
 
 void EventLoop::armTimerFd(double due) {
   if (due == timerFdArmedAt_) return;
-  itimerspec spec{};
+  itimerspec when{};
   if (due != kNever) {
     double const at = std::max(due, 1e-9);
-    spec.it_value.tv_sec = static_cast<time_t>(at);
-    spec.it_value.tv_nsec = static_cast<long>((at - std::floor(at)) * 1e9);
-    if (spec.it_value.tv_sec == 0 && spec.it_value.tv_nsec == 0) spec.it_value.tv_nsec = 1;
+    when.it_value.tv_sec = static_cast<time_t>(at);
+    when.it_value.tv_nsec = static_cast<long>((at - std::floor(at)) * 1e9);
+    if (when.it_value.tv_sec == 0 && when.it_value.tv_nsec == 0) when.it_value.tv_nsec = 1;
   }
-  timerfd_settime(timerFd_, TFD_TIMER_ABSTIME, &spec, nullptr);
+  timerfd_settime(timerFd_, TFD_TIMER_ABSTIME, &when, nullptr);
   timerFdArmedAt_ = due;
 }
 
