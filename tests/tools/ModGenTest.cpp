@@ -17,10 +17,10 @@
 #include <vector>
 
 #include "platform/io/DropFrameBuilder.h"
-#include "platform/types/ByteOrder.h"
-#include "platform/types/IpHeader.h"
+#include "tests/support/MirroredFrameReader.h"
 
 using namespace Calyx;
+using Calyx::Test::readMirrored;
 
 namespace {
 
@@ -80,41 +80,6 @@ std::vector<Record> readPcap(std::string const& path) {
   return records;
 }
 
-// What one well-formed mirrored frame says about itself.
-struct Decoded {
-  uint16_t packetSize = 0;
-  size_t carried = 0;  // bytes of the dropped frame in the mirror
-  size_t tags = 0;
-  bool v6 = false;
-  bool checksumOk = true;
-  std::tuple<IpGenAddr, IpGenAddr, uint8_t, uint16_t, uint16_t> flow;
-};
-
-Decoded decode(std::vector<uint8_t> const& f) {
-  Decoded d;
-  d.packetSize = uint16_t(f[14] | f[15] << 8);
-  d.carried = f.size() - 12;
-  size_t at = 26;
-  uint16_t type = Calyx::loadBe16(&f[24]);
-  while (type == 0x8100) {
-    type = Calyx::loadBe16(&f[at + 2]);
-    at += 4;
-    ++d.tags;
-  }
-  d.v6 = type == 0x86dd;
-  if (d.v6) {
-    Ip6HeaderView h(&f[at]);
-    at += 40;
-    d.flow = {h.src(), h.dst(), h.nextHeader(), Calyx::loadBe16(&f[at]), Calyx::loadBe16(&f[at + 2])};
-  } else {
-    Ip4HeaderView h(&f[at]);
-    d.checksumOk = h.checksumComputed() == 0;
-    at += h.headerLength();
-    d.flow = {h.src(), h.dst(), h.protocol(), Calyx::loadBe16(&f[at]), Calyx::loadBe16(&f[at + 2])};
-  }
-  return d;
-}
-
 class ModGenTest : public ::testing::Test {
  protected:
   ~ModGenTest() override {
@@ -136,20 +101,19 @@ TEST_F(ModGenTest, WritesFlowsTimesDropsWellFormedFramesCutLikeTheChip) {
   EXPECT_NE(r.err.find("60 frame(s)"), std::string::npos) << r.err;
   auto const records = readPcap(out);
   ASSERT_EQ(records.size(), 60u);
-  std::map<decltype(Decoded::flow), int> drops;
+  std::map<std::tuple<IpGenAddr, IpGenAddr, uint8_t, uint16_t, uint16_t>, int> drops;
   size_t v6 = 0;
   for (auto const& rec : records) {
     auto const& f = rec.bytes;
     ASSERT_EQ(rec.len, f.size());
-    ASSERT_GE(f.size(), 26u);
-    ASSERT_EQ(Calyx::loadBe16(&f[12]), 0x1042);
-    Decoded const d = decode(f);
-    EXPECT_TRUE(d.checksumOk);
-    EXPECT_GE(d.packetSize, d.carried) << "the original is at least what the mirror carries";
-    EXPECT_EQ(d.carried, std::min<size_t>(d.packetSize, 128)) << "cut at 128 bytes, never padded";
-    EXPECT_EQ(d.tags, 0u);
-    v6 += d.v6;
-    ++drops[d.flow];
+    auto const d = readMirrored(f);
+    EXPECT_EQ(d.rejection, "");  // checksums correct, nothing cut short
+    size_t const carried = f.size() - 12;
+    EXPECT_GE(d.packetSize, carried) << "the original is at least what the mirror carries";
+    EXPECT_EQ(carried, std::min<size_t>(d.packetSize, 128)) << "cut at 128 bytes, never padded";
+    EXPECT_TRUE(d.flow.vlanTags.empty());
+    v6 += d.flow.srcIp.isV6();
+    ++drops[std::tuple(d.flow.srcIp, d.flow.dstIp, d.flow.ipProto, d.flow.srcPort, d.flow.dstPort)];
   }
   EXPECT_EQ(drops.size(), 20u);
   for (auto const& [flow, n] : drops) EXPECT_EQ(n, 3);
@@ -164,12 +128,13 @@ TEST_F(ModGenTest, OptionsShapeEveryFrame) {
   auto const records = readPcap(out);
   ASSERT_EQ(records.size(), 4u);
   for (auto const& rec : records) {
-    Decoded const d = decode(rec.bytes);
-    EXPECT_TRUE(d.v6);
-    EXPECT_EQ(std::get<2>(d.flow), 17);
-    EXPECT_EQ(d.tags, 2u);
+    auto const d = readMirrored(rec.bytes);
+    EXPECT_EQ(d.rejection, "");
+    EXPECT_TRUE(d.flow.srcIp.isV6());
+    EXPECT_EQ(d.flow.ipProto, 17);
+    EXPECT_EQ(d.flow.vlanTags.size(), 2u);
     EXPECT_EQ(d.packetSize, 100);
-    EXPECT_EQ(d.carried, 82u);
+    EXPECT_EQ(rec.bytes.size() - 12, 82u);
   }
 }
 
