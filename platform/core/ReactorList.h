@@ -3,12 +3,10 @@
 //
 // A handler may, while it is being notified:
 // - remove itself or any other reactor: the slot is only cleared, and a cleared slot is never called; the
-// list
-//   compacts when the outermost notification ends;
+//   list compacts when the outermost notification ends;
 // - add a reactor: it is not called by the notification under way (it hears the next one);
 // - destroy the list's owner (and so the list): every notification under way notices through its frame and
-// returns
-//   without touching the list again.
+//   returns without touching the list again.
 // Notifications may nest (a handler changes another attribute of the same entity). Single-threaded by design.
 
 #include <algorithm>

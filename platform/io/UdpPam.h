@@ -9,23 +9,19 @@
 // txSrcIp6Addr/txDstIp6Addr.
 //
 // - Source address: passed per datagram as IP_PKTINFO / IPV6_PKTINFO ancillary data, so one socket serves any
-// number
-//   of sources. An all-zero source lets the kernel choose. A source that is not a local address fails the
-//   send.
+//   number of sources. An all-zero source lets the kernel choose. A source that is not a local address fails
+//   the send.
 // - Type of service: written to the socket (IP_TOS, or IPV6_TCLASS) only when it differs from what the socket
-// holds.
-//   The byte is used as given; a DSCP must be shifted into its upper six bits by whoever wants that.
+//   holds. The byte is used as given; a DSCP must be shifted into its upper six bits by whoever wants that.
 // - Outcome: txPkts() counts the datagrams the kernel accepted; errno_() (also txErrno()) is 0 after an
-// accepted
-//   datagram and the errno of the failure otherwise (also when the socket could not be opened, or the object
-//   is not in transmit mode). A failed transmit is never retried, counted in txErrors() and traced on
-//   "Calyx-Udp" (level 1). Accepted is not delivered: a datagram lost further on (a full receive buffer, no
-//   route beyond the host) still counts.
+//   accepted datagram and the errno of the failure otherwise (also when the socket could not be opened, or
+//   the object is not in transmit mode). A failed transmit is never retried, counted in txErrors() and traced
+//   on "Calyx-Udp" (level 1). Accepted is not delivered: a datagram lost further on (a full receive buffer,
+//   no route beyond the host) still counts.
 // - The socket is non-blocking: when its send buffer is full the transmit fails with EAGAIN rather than
-// stalling the
-//   event thread.
-// - Changing the family (ipv6EnIs) or leaving transmit mode closes the socket; the next transmit opens a new
-// one.
+//   stalling the event thread.
+// - Changing the family (ipv6EnIs) or leaving transmit mode closes the socket; the next transmit opens a
+//   new one.
 //
 // Limits: transmit only; no scope id, so link-local IPv6 destinations are not reachable; single event thread.
 

@@ -11,18 +11,16 @@
 // that readers re-map; the generation counts these replacements.
 //
 // Limits:
-// - One writer per segment file, on one thread. Readers in other processes never block it and never see a
-// torn record.
+// - One writer per segment file, on one thread. Readers in other processes never block it and never see
+//   a torn record.
 // - K and V are trivially copyable with alignment at most 8; V::key() gives the key; K has == and std::hash,
-// which
-//   must be the same in every process reading the table because it places keys in the segment; K's < is
+//   which must be the same in every process reading the table because it places keys in the segment; K's < is
 //   needed only by the ordered walk.
 // - entry() points into the mapping: the pointer is valid until the next change to the table.
 // - The ordered walk sorts the keys once and keeps them until a new key is added; it is meant for rare walks.
 // - Damage (a header or slot breaking its invariants) goes to the corruption handler and the operation under
-// way is
-//   abandoned. A segment that cannot be published (bad name, state directory, full tmpfs) is a trace line;
-//   the table then carries on in private memory and readers report the file as stale.
+//   way is abandoned. A segment that cannot be published (bad name, state directory, full tmpfs) is a trace
+//   line; the table then carries on in private memory and readers report the file as stale.
 // - Constructing a table over an existing file loads its entries (state left by an earlier run) into a fresh
 //   segment of the next generation. A file of another layout (version, record sizes) is a trace line and the
 //   table starts empty; a damaged file goes to the corruption handler and, if that returns, the table starts

@@ -6,9 +6,9 @@
 // blank, so the name is its own text form and survives a round trip through traces. The empty name is the
 // default and means "no interface". Two ways in:
 //   - parse(text) returns nullopt for a bad name and, when asked, says what is wrong (for input from
-//   outside);
-//   - the constructor from text throws std::invalid_argument with the same message (for names the program
-//   knows).
+//     outside);
+//   - the constructor from text throws std::invalid_argument with the same message (for names the
+//     program knows).
 // Ordering is plain byte order of the names ("Ethernet10" < "Ethernet2"), consistent with equality and hash.
 
 #include <compare>
