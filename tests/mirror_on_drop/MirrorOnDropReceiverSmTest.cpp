@@ -8,12 +8,11 @@
 #include <vector>
 
 #include "mirror_on_drop/MirrorOnDropReceiverSm.h"
-#include "platform/core/Trace.h"
-#include "platform/core/TraceSink.h"
 #include "platform/io/DropFrameBuilder.h"
 #include "platform/io/InMemoryPam.h"
 #include "platform/types/IpHeader.h"
 #include "platform/types/PktManager.h"
+#include "tests/support/TraceCapture.h"
 
 using namespace MirrorOnDrop;
 using namespace Calyx;
@@ -65,15 +64,8 @@ Bytes cat(Bytes a, Bytes const& b) {
 class ReceiverSmTest : public ::testing::Test {
  protected:
   void SetUp() override {
-    previousSink = TraceRegistry::instance().sink();
-    TraceRegistry::instance().sinkIs(sink);
-    trace.levelsIs(kTraceLevelsAll);
     receiver = make<ReceiverSm>(fcsd, desired, collection, exchanger);
     collection->intfPamIs(IntfId("et1"), pam);
-  }
-  void TearDown() override {
-    trace.levelsIs(0);
-    TraceRegistry::instance().sinkIs(previousSink);
   }
 
   void feed(std::vector<Bytes> const& frames) {
@@ -87,22 +79,16 @@ class ReceiverSmTest : public ::testing::Test {
   }
   // The level 3 lines written while frames are fed.
   std::vector<std::string> rejections(std::vector<Bytes> const& frames) {
-    sink->clear();
+    trace.clear();
     feed(frames);
-    std::vector<std::string> lines;
-    for (auto const& e : sink->entries()) {
-      if (e.level == 3) lines.push_back(e.line);
-    }
-    return lines;
+    return trace.lines(3);
   }
   std::string rejection(Bytes const& frame) {
     auto lines = rejections({frame});
     return lines.size() == 1 ? lines[0] : "lines: " + std::to_string(lines.size());
   }
 
-  std::shared_ptr<MemoryTraceSink> sink = std::make_shared<MemoryTraceSink>();
-  std::shared_ptr<TraceSink> previousSink;
-  TraceHandle trace{"MOD-Receiver"};
+  Calyx::Test::TraceCapture trace{"MOD-Receiver", kTraceLevelsAll};
   Ptr<CalyxCentral::FeatureAgentCommonSmData> fcsd = make<CalyxCentral::FeatureAgentCommonSmData>();
   Ptr<Interface::PamDesiredIntfDir> desired = make<Interface::PamDesiredIntfDir>();
   Ptr<Interface::EthDevPamCollection> collection = make<Interface::EthDevPamCollection>();
@@ -238,12 +224,9 @@ TEST_F(ReceiverSmTest, StoringReportLinesAtLevelFive) {
                 17,
                 53,
                 5353};
-  sink->clear();
+  trace.clear();
   feed({DropFrameBuilder::dropFrame(flow, 100, 42)});
-  std::vector<std::string> lines;
-  for (auto const& e : sink->entries()) {
-    if (e.level == 5) lines.push_back(e.line);
-  }
+  auto const lines = trace.lines(5);
   ASSERT_EQ(lines.size(), 4u);
   EXPECT_EQ(lines[0],
             "  Storing report: packet processed, size = { original = 100, trimmed = 100 }, timestamp = 42,");

@@ -10,10 +10,9 @@
 #include "mirror_on_drop/MirrorOnDropSenderSm.h"
 #include "platform/core/EventLoop.h"
 #include "platform/core/RingTrace.h"
-#include "platform/core/Trace.h"
-#include "platform/core/TraceSink.h"
 #include "tests/support/LoopbackReceiver.h"
 #include "tests/support/TempStateDir.h"
+#include "tests/support/TraceCapture.h"
 
 using namespace MirrorOnDrop;
 using namespace Calyx;
@@ -57,9 +56,6 @@ class SenderSmTest : public ::testing::Test {
  protected:
   void SetUp() override {
     ASSERT_TRUE(rx4.bound() && rx6.bound());
-    previousSink = TraceRegistry::instance().sink();
-    TraceRegistry::instance().sinkIs(sink);
-    trace.levelsIs(kTraceLevelsAll);
     exchanger->reportStartOutboxIs(make<Report::Outbox>());
     exchanger->reportStopOutboxIs(make<Report::Outbox>());
     status->activeIntervalIs(FlowTracking::ActiveInterval(10000));
@@ -71,11 +67,7 @@ class SenderSmTest : public ::testing::Test {
     exporter->collectorIp6AndPortIs("c6", HwFlowTracking::IpAndPort(*IpGenAddr::parse("::1"), rx6.port()));
     config->expConfigIs("exp", exporter);
   }
-  void TearDown() override {
-    sender.reset();
-    trace.levelsIs(0);
-    TraceRegistry::instance().sinkIs(previousSink);
-  }
+  void TearDown() override { sender.reset(); }
 
   void senderNew() {
     sender = make<SenderSm>(configReq, config, status, collectorStatus, reportStatus,
@@ -94,20 +86,11 @@ class SenderSmTest : public ::testing::Test {
     auto const* e = collectorStatus->entry(Collector::Key(exp, collector));
     return e ? *e : Collector::EntryStatus();
   }
-  std::vector<std::string> lines(int level) {
-    std::vector<std::string> out;
-    for (auto const& e : sink->entries()) {
-      if (e.level == level && e.channel == "MOD-Sender") out.push_back(e.line);
-    }
-    return out;
-  }
 
   Calyx::Test::TempStateDir stateDir;
   LoopbackReceiver rx4{AF_INET};
   LoopbackReceiver rx6{AF_INET6};
-  std::shared_ptr<MemoryTraceSink> sink = std::make_shared<MemoryTraceSink>();
-  std::shared_ptr<TraceSink> previousSink;
-  TraceHandle trace{"MOD-Sender"};
+  Calyx::Test::TraceCapture trace{"MOD-Sender", kTraceLevelsAll};
   Ptr<EventLoop> loop = EventLoop::makeSimulated(1000.0);
   Ptr<TimerWheel> wheel = make<TimerWheel>(*loop, 200, 525600, false, 1024);
   Ptr<FlowTracking::ConfigReq> configReq = make<FlowTracking::ConfigReq>();
@@ -191,13 +174,13 @@ TEST_F(SenderSmTest, FailedSendIsTracedAndTheNextCollectorStillGetsIt) {
   exporter->srcIpAddrIs(Ip4Addr::fromHost(0xc0000201));  // 192.0.2.1: not an address of this host
   senderNew();
   flowAdd(7);
-  sink->clear();
+  trace.clear();
   loop->runFor(10.1);
   EXPECT_TRUE(rx4.drain().empty());
   EXPECT_EQ(rx6.drain().size(), 1u);
   EXPECT_EQ(counters("c4"), Collector::EntryStatus(Collector::Key("exp", "c4")));
   EXPECT_EQ(counters("c6").start(), 1u);
-  auto const errors = lines(1);
+  auto const errors = trace.lines(1);
   ASSERT_EQ(errors.size(), 1u);
   EXPECT_NE(errors[0].find("[ERROR]: sending report packet failed { errno = "), std::string::npos)
       << errors[0];
@@ -216,7 +199,7 @@ TEST_F(SenderSmTest, YieldDeclaresExactlyTheKeysLeft) {
   loop->runFor(10.0);  // the activation: two keys, then a yield
   Ptr<Task> const& task = sender->taskReport();
   EXPECT_GE(task->runCount(), 1u);
-  auto const yields = lines(3);
+  auto const yields = trace.lines(3);
   ASSERT_FALSE(yields.empty());
   EXPECT_EQ(yields[0], "  Yielding activity: sent reports count = 2.");
   loop->runUntilIdle();

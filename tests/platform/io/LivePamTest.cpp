@@ -15,6 +15,7 @@
 #include "platform/core/TraceSink.h"
 #include "platform/io/PamTrace.h"
 #include "tests/support/NetNs.h"
+#include "tests/support/TraceCapture.h"
 
 using namespace Calyx;
 
@@ -40,20 +41,6 @@ bool runUntil(EventLoop& loop, std::function<bool()> const& pred, double seconds
   while (!pred() && std::chrono::steady_clock::now() < end) loop.runFor(0.02);
   return pred();
 }
-
-struct TraceCapture {
-  TraceCapture() {
-    TraceRegistry::instance().sinkIs(sink);
-    TraceRegistry::instance().levelsApply("Calyx-Pam=1,3");
-  }
-  ~TraceCapture() {
-    TraceRegistry::instance().sinkIs(previous);
-    TraceHandle("Calyx-Pam").levelsIs(levels);
-  }
-  std::shared_ptr<MemoryTraceSink> sink = std::make_shared<MemoryTraceSink>();
-  std::shared_ptr<TraceSink> previous = TraceRegistry::instance().sink();
-  uint16_t levels = pamTrace().levels();
-};
 
 class LivePamOnVethTest : public ::testing::Test {
  protected:
@@ -111,17 +98,17 @@ TEST_F(LivePamOnVethTest, AFullRingIsTakenAtMostReadLimitFramesPerTurn) {
 }
 
 TEST_F(LivePamOnVethTest, AnInterfaceThatGoesAwayIsTracedAndRetried) {
-  TraceCapture trace;
+  Calyx::Test::TraceCapture trace("Calyx-Pam", 1u << 1 | 1u << 3);
   ASSERT_TRUE(ns->run("ip link delete " + ns->a()));  // takes its peer with it
   EXPECT_TRUE(runUntil(
       *loop, [&] { return !pam->isCapturing(); }, 5.0));
   EXPECT_FALSE(pam->lastError().empty());
   EXPECT_TRUE(wheel->armedCount() > 0) << "a retry is pending";
-  EXPECT_FALSE(trace.sink->lines("Calyx-Pam").empty());
+  EXPECT_FALSE(trace.lines().empty());
 }
 
 TEST(LivePamTest, AMissingDeviceIsTracedOnceThenRetriedOnTheTimer) {
-  TraceCapture trace;
+  Calyx::Test::TraceCapture trace("Calyx-Pam", 1u << 1 | 1u << 3);
   auto loop = EventLoop::makeSimulated();
   auto wheel = make<TimerWheel>(*loop, 10, 1000, false, 64);
   LivePamOptions options;
@@ -132,7 +119,7 @@ TEST(LivePamTest, AMissingDeviceIsTracedOnceThenRetriedOnTheTimer) {
   EXPECT_EQ(pam->openAttempts(), 1u);
   loop->runFor(7.0);
   EXPECT_EQ(pam->openAttempts(), 3u);
-  auto const lines = trace.sink->lines("Calyx-Pam");
+  auto const lines = trace.lines();
   ASSERT_EQ(lines.size(), 3u);
   EXPECT_NE(lines[0].find("[ERROR] Cannot capture on calyxnodev0 for Ethernet9"), std::string::npos)
       << lines[0];

@@ -14,6 +14,7 @@
 #include "platform/io/DropFrameBuilder.h"
 #include "platform/io/PamTrace.h"
 #include "platform/io/PcapFileWriter.h"
+#include "tests/support/TraceCapture.h"
 
 using namespace Calyx;
 
@@ -110,23 +111,8 @@ TEST_F(PcapReplayPamTest, FramesOfAnotherEtherTypeAreFilteredOut) {
   EXPECT_EQ(rec.ids, (std::vector<int>{0, 1, 2}));
 }
 
-// Catches the packet-access trace, errors and retries, for one test.
-struct TraceCapture {
-  TraceCapture() {
-    TraceRegistry::instance().sinkIs(sink);
-    TraceRegistry::instance().levelsApply("Calyx-Pam=1,3");
-  }
-  ~TraceCapture() {
-    TraceRegistry::instance().sinkIs(previous);
-    TraceHandle("Calyx-Pam").levelsIs(levels);
-  }
-  std::shared_ptr<MemoryTraceSink> sink = std::make_shared<MemoryTraceSink>();
-  std::shared_ptr<TraceSink> previous = TraceRegistry::instance().sink();
-  uint16_t levels = pamTrace().levels();
-};
-
 TEST_F(PcapReplayPamTest, AMissingFileIsTracedOnceAndRetriedUntilItAppears) {
-  TraceCapture trace;
+  Calyx::Test::TraceCapture trace("Calyx-Pam", 1u << 1 | 1u << 3);
 
   PcapReplayOptions options;
   options.file = path;
@@ -136,7 +122,7 @@ TEST_F(PcapReplayPamTest, AMissingFileIsTracedOnceAndRetriedUntilItAppears) {
   loop->runFor(12);  // attempts at 0, 5 and 10 s
   EXPECT_FALSE(pam->isOpen());
   EXPECT_FALSE(pam->lastError().empty());
-  auto lines = trace.sink->lines("Calyx-Pam");
+  auto lines = trace.lines();
   ASSERT_EQ(lines.size(), 3u);
   EXPECT_NE(lines[0].find("[ERROR] Cannot replay " + path + " as et1"), std::string::npos) << lines[0];
   EXPECT_EQ(lines[1].find("[ERROR]"), std::string::npos) << "a repeated failure is only a retry";
