@@ -6,6 +6,7 @@
 #include "mirror_on_drop/MirrorOnDropTraceManager.h"
 #include "platform/types/ByteOrder.h"
 #include "platform/types/EthAddr.h"
+#include "platform/types/EtherType.h"
 #include "platform/types/IpHeader.h"
 
 namespace MirrorOnDrop {
@@ -27,14 +28,9 @@ constexpr size_t kMacsSize = 12;
 constexpr size_t kVlanTagSize = 4;
 constexpr size_t kIp4MinHeader = 20;
 constexpr size_t kIp6Header = 40;
-constexpr uint16_t kEtherTypeVlan = 0x8100;
-constexpr uint16_t kEtherTypeIp4 = 0x0800;
-constexpr uint16_t kEtherTypeIp6 = 0x86DD;
-constexpr uint8_t kTcp = 6;
-constexpr uint8_t kUdp = 17;
 
 bool isTcpOrUdp(uint8_t proto) {
-  return proto == kTcp || proto == kUdp;
+  return proto == Calyx::kIpProtoTcp || proto == Calyx::kIpProtoUdp;
 }
 
 // What the IP layer yields for the flow key.
@@ -270,7 +266,7 @@ void ReceiverSm::processPacket(IntfId const& intf, Ptr<Pkt> const& pkt) {
   p.headDel(Header::kSize);
 
   uint16_t etherType = header.typeOrLen();
-  for (int tags = 0; etherType == kEtherTypeVlan && tags < 2; ++tags) {
+  for (int tags = 0; etherType == Calyx::kEtherTypeVlan && tags < 2; ++tags) {
     if (p.bytes() < kVlanTagSize) {
       MOD_TRACE(trace(), 3, "Dropping Ethernet packet: truncated 802.1Q header, size = " << p.bytes() << ".");
       return;
@@ -280,9 +276,9 @@ void ReceiverSm::processPacket(IntfId const& intf, Ptr<Pkt> const& pkt) {
   }
 
   IpPart ip;
-  if (etherType == kEtherTypeIp6) {
+  if (etherType == Calyx::kEtherTypeIp6) {
     if (!hasValidIp6Header(p, ip)) return;
-  } else if (etherType == kEtherTypeIp4) {
+  } else if (etherType == Calyx::kEtherTypeIp4) {
     if (!hasValidIp4Header(p, ip)) return;
   } else {
     MOD_TRACE(trace(), 3,
@@ -292,7 +288,7 @@ void ReceiverSm::processPacket(IntfId const& intf, Ptr<Pkt> const& pkt) {
 
   if (p.bytes() < 4) {
     MOD_TRACE(trace(), 3,
-              "Dropping " << (ip.proto == kTcp ? "TCP" : "UDP")
+              "Dropping " << (ip.proto == Calyx::kIpProtoTcp ? "TCP" : "UDP")
                           << " packet: undersized header, size = " << p.bytes() << ".");
     return;
   }

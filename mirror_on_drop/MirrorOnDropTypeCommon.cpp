@@ -10,6 +10,7 @@
 #include "mirror_on_drop/MirrorOnDropValueText.h"
 #include "platform/core/EventLoop.h"
 #include "platform/types/ByteOrder.h"
+#include "platform/types/EtherType.h"
 #include "platform/types/Hash.h"
 
 namespace MirrorOnDrop {
@@ -221,8 +222,8 @@ Calyx::SharedTableOptions Detail::sharedTableOptions() {
 }
 
 std::string_view ipProtoName(uint8_t ipProto) {
-  if (ipProto == 6) return "TCP";
-  if (ipProto == 17) return "UDP";
+  if (ipProto == Calyx::kIpProtoTcp) return "TCP";
+  if (ipProto == Calyx::kIpProtoUdp) return "UDP";
   return "unknown";
 }
 

@@ -2,15 +2,12 @@
 
 #include <algorithm>
 
+#include "platform/types/EtherType.h"
 #include "platform/types/IpHeader.h"
 
 namespace Calyx {
 namespace {
 
-constexpr uint16_t kVlanEtherType = 0x8100;
-constexpr uint16_t kIp4EtherType = 0x0800;
-constexpr uint16_t kIp6EtherType = 0x86dd;
-constexpr uint16_t kArpEtherType = 0x0806;
 constexpr size_t kEthLength = 14;
 constexpr size_t kMaxFrame = 65535;  // packetSize is 16 bits
 
@@ -45,11 +42,11 @@ uint8_t* writeL2(DropFlow const& flow, uint8_t* p) {
   std::copy(flow.sMac.bytes.begin(), flow.sMac.bytes.end(), p + 6);
   p += 12;
   for (uint16_t tci : flow.vlanTags) {
-    put16(p, kVlanEtherType);
+    put16(p, kEtherTypeVlan);
     put16(p + 2, tci);
     p += 4;
   }
-  put16(p, flow.srcIp.isV6() ? kIp6EtherType : kIp4EtherType);
+  put16(p, flow.srcIp.isV6() ? kEtherTypeIp6 : kEtherTypeIp4);
   return p + 2;
 }
 
@@ -185,11 +182,11 @@ std::vector<uint8_t> DropFrameBuilder::malformedFrame(MalformedKind kind, DropFl
       put16(&frame[12], kWrongEtherType);
       break;
     case MalformedKind::truncatedVlan:
-      put16(&frame[24], kVlanEtherType);
+      put16(&frame[24], kEtherTypeVlan);
       frame.resize(26 + 3);
       break;
     case MalformedKind::nonIpEtherType:
-      put16(&frame[ip - 2], kArpEtherType);
+      put16(&frame[ip - 2], kEtherTypeArp);
       break;
     case MalformedKind::ip6Undersized:
       frame.resize(ip + 39);

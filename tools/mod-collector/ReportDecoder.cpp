@@ -3,17 +3,13 @@
 #include <arpa/inet.h>
 
 #include "platform/types/ByteOrder.h"
+#include "platform/types/EtherType.h"
 
 namespace ModCollector {
 namespace {
 
-constexpr uint16_t kEtherTypeIpv4 = 0x0800;
-constexpr uint16_t kEtherTypeIpv6 = 0x86dd;
-constexpr uint8_t kProtoTcp = 6;
-constexpr uint8_t kProtoUdp = 17;
-
 bool isVlanEtherType(uint16_t t) {
-  return t == 0x8100 || t == 0x88a8 || t == 0x9100;
+  return t == Calyx::kEtherTypeVlan || t == 0x88a8 || t == 0x9100;  // 802.1Q, 802.1ad and the older QinQ
 }
 
 std::string addrText(int af, uint8_t const* addr) {
@@ -29,7 +25,7 @@ struct Sample {
 };
 
 void decodePorts(Sample s, size_t off, SampleFlow& flow) {
-  if (flow.ipProto != kProtoTcp && flow.ipProto != kProtoUdp) return;
+  if (flow.ipProto != Calyx::kIpProtoTcp && flow.ipProto != Calyx::kIpProtoUdp) return;
   if (!s.has(off, 4)) return;
   flow.srcPort = Calyx::loadBe16(s.p + off);
   flow.dstPort = Calyx::loadBe16(s.p + off + 2);
@@ -100,8 +96,8 @@ void decodeSample(Sample s, Report& r) {
     off += 4;
   }
   r.ethernet = std::move(eth);
-  if (inner == kEtherTypeIpv4) r.flow = decodeIpv4(s, off);
-  if (inner == kEtherTypeIpv6) r.flow = decodeIpv6(s, off);
+  if (inner == Calyx::kEtherTypeIp4) r.flow = decodeIpv4(s, off);
+  if (inner == Calyx::kEtherTypeIp6) r.flow = decodeIpv6(s, off);
 }
 
 }  // namespace
