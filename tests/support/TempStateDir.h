@@ -12,7 +12,7 @@ namespace Calyx::Test {
 class TempStateDir {
  public:
   TempStateDir() {
-    char dir[] = "/tmp/calyx-state-XXXXXX";
+    char dir[] = "/dev/shm/calyx-state-XXXXXX";
     if (mkdtemp(dir)) path_ = dir;
     setenv("CALYX_STATE_DIR", path_.c_str(), 1);
   }
@@ -25,6 +25,7 @@ class TempStateDir {
   TempStateDir& operator=(TempStateDir const&) = delete;
 
   std::string const& path() const { return path_; }
+  std::string file(std::string const& name) const { return path_ + "/" + name; }
 
  private:
   std::string path_;

@@ -2,13 +2,12 @@
 // Records for the shared-table tests: a 16-byte key and a 64-byte value whose fields must agree with each
 // other, so that a record mixed from two writes shows up.
 
-#include <stdlib.h>
-
 #include <compare>
 #include <cstdint>
-#include <filesystem>
 #include <functional>
 #include <string>
+
+#include "tests/support/TempStateDir.h"
 
 namespace Calyx::TableTest {
 
@@ -50,23 +49,7 @@ inline Key keyOf(uint64_t n) {
   return Key{n >> 7, n};
 }
 
-// A state directory of its own under /dev/shm, removed with everything in it.
-class TempStateDir {
- public:
-  TempStateDir() {
-    std::string tmpl = "/dev/shm/calyx-table-test-XXXXXX";
-    path_ = ::mkdtemp(tmpl.data()) ? tmpl : std::string();
-  }
-  ~TempStateDir() {
-    std::error_code ec;
-    if (!path_.empty()) std::filesystem::remove_all(path_, ec);
-  }
-  std::string const& path() const { return path_; }
-  std::string file(std::string const& name) const { return path_ + "/" + name; }
-
- private:
-  std::string path_;
-};
+using Calyx::Test::TempStateDir;
 
 }  // namespace Calyx::TableTest
 
