@@ -30,7 +30,6 @@ template <class Entity>
 class Notifier {
  public:
   ReactorList<ReactorBase<Entity>>& reactorList() const { return reactors_; }
-  bool hasReactors() const { return !reactors_.empty(); }
 
  protected:
   // Calls (reactor.*handler)(args...) on every attached reactor.

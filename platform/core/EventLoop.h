@@ -57,7 +57,6 @@ class EventLoop : public Object, public Notifier<EventLoop> {
   double now() const { return clock_->now(); }
   bool isSimulated() const { return simulated_ != nullptr; }
   TaskScheduler& scheduler() const { return *scheduler_; }
-  Ptr<TaskScheduler> const& schedulerPtr() const { return scheduler_; }
 
   [[nodiscard]] std::unique_ptr<FdWatch> fdWatch(int fd, std::function<void()> onReadable);
   // Blocks SIGINT, SIGTERM and SIGHUP for the process and delivers them through handleSignal.

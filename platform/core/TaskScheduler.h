@@ -39,7 +39,6 @@ class TaskScheduler : public Object {
   size_t runReady();
   bool hasReady() const { return readyCount_ > 0; }
   size_t readyCount() const { return readyCount_; }
-  Task const* running() const { return running_; }
 
  private:
   friend class Task;
