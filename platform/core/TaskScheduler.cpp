@@ -15,20 +15,24 @@ void TaskScheduler::enqueue(Task* task) {
 }
 
 size_t TaskScheduler::runReady() {
-  size_t budget = readyCount_;
+  // The tasks ready now are taken off the queue as one batch, so a task that schedules itself (or another
+  // task) while it runs goes back on the queue for the next call: it cannot run twice here, nor keep a less
+  // urgent task of the batch waiting.
+  ReadyQueue batch;
+  batch.swap(ready_);
   size_t ran = 0;
-  while (ran < budget && !ready_.empty()) {
-    auto first = ready_.begin();
-    Ptr<Task> task = std::move(first->second.front());
-    first->second.pop_front();
-    if (first->second.empty()) ready_.erase(first);
-    --readyCount_;
-    Task* outer = running_;
-    running_ = task.get();
-    sliceStart_ = sliceClock_.now();
-    task->run();
-    running_ = outer;
-    ++ran;
+  for (auto& [priority, tasks] : batch) {
+    while (!tasks.empty()) {
+      Ptr<Task> task = std::move(tasks.front());
+      tasks.pop_front();
+      --readyCount_;
+      Task* outer = running_;
+      running_ = task.get();
+      sliceStart_ = sliceClock_.now();
+      task->run();
+      running_ = outer;
+      ++ran;
+    }
   }
   return ran;
 }

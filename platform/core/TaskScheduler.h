@@ -49,7 +49,8 @@ class TaskScheduler : public Object {
   double sliceStart_ = 0.0;
   std::function<bool()> yieldPredicate_;
   // Priority, most urgent first.
-  std::map<int, std::deque<Ptr<Task>>, std::greater<int>> ready_;
+  using ReadyQueue = std::map<int, std::deque<Ptr<Task>>, std::greater<int>>;
+  ReadyQueue ready_;
   size_t readyCount_ = 0;
   Task* running_ = nullptr;
 };

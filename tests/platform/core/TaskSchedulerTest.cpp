@@ -90,6 +90,20 @@ TEST_F(TaskSchedulerTest, ShouldYieldFollowsTheTimeSliceOfTheRunningTask) {
   EXPECT_TRUE(yieldedAfter);
 }
 
+// The hazard: a more urgent task that schedules itself again while it runs must wait for the next call, not
+// run twice in this one and starve a less urgent task that was ready when the call started.
+TEST_F(TaskSchedulerTest, SelfReschedulingUrgentTaskRunsOncePerCallAndStarvesNobody) {
+  auto storm = task("storm", 7), low = task("low", 1);
+  storm->action = [&] { storm->task->schedule(); };
+  storm->task->schedule();
+  low->task->schedule();
+  EXPECT_EQ(scheduler.runReady(), 2u);
+  EXPECT_EQ(log, (std::vector<std::string>{"storm", "low"}));
+  EXPECT_EQ(scheduler.runReady(), 1u);
+  EXPECT_EQ(log.back(), "storm");
+  EXPECT_TRUE(storm->task->isScheduled());
+}
+
 TEST_F(TaskSchedulerTest, TaskDroppedWhileWaitingRunsNobody) {
   auto t = task("gone", 1);
   t->task->schedule();
