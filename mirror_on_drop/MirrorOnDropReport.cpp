@@ -1,5 +1,6 @@
 #include "mirror_on_drop/MirrorOnDropReport.h"
 
+#include <algorithm>
 #include <ostream>
 #include <stdexcept>
 
@@ -83,6 +84,19 @@ Ptr<Status> statusFactory(std::string const& name) {
   return Calyx::make<Status>(name);
 }
 
+bool EntryStatus::sound(std::string& problem) const {
+  if (report_.dataSize() > Constant::packetSampleSize()) {
+    problem = "report data size " + std::to_string(report_.dataSize()) + " exceeds the sample size " +
+              std::to_string(Constant::packetSampleSize());
+    return false;
+  }
+  if (type_ != ReportType::START && type_ != ReportType::STOP) {
+    problem = "report type " + std::to_string(static_cast<unsigned>(type_)) + " is neither START nor STOP";
+    return false;
+  }
+  return true;
+}
+
 void EntryOutbox::entryIs(Key const& k) {
   if (!keys_.insert(k).second) return;
   if (notificationActive_) notify(&Reactor::handleEntry, k);
@@ -98,31 +112,42 @@ void EntryOutbox::entryDelAll() {
 }
 
 void Outbox::headIndexUpdate() {
-  headIndex_ = elements_.empty() ? nextIndex_ : elements_.begin()->first;
+  headIndex_ = elements_.empty() ? nextIndex_ : elements_.front().index;
+}
+
+Outbox::Elements::iterator Outbox::find(uint32_t index) {
+  return std::find_if(elements_.begin(), elements_.end(), [&](Element const& e) { return e.index == index; });
+}
+
+Outbox::Elements::const_iterator Outbox::find(uint32_t index) const {
+  return std::find_if(elements_.begin(), elements_.end(), [&](Element const& e) { return e.index == index; });
 }
 
 void Outbox::entryEnq(Ptr<EntryOutbox> const& batch) {
   uint32_t index = nextIndex_;
-  if (!elements_.empty()) index = std::max(index, elements_.rbegin()->first + 1);
+  if (!elements_.empty()) {
+    uint32_t const afterTail = elements_.back().index + 1;
+    if (indexAfter(afterTail, index)) index = afterTail;
+  }
   nextIndex_ = index;
-  elements_[index] = batch;
+  elements_.push_back({index, batch});
   headIndexUpdate();
 }
 
 Ptr<EntryOutbox> Outbox::entryDeq() {
   if (elements_.empty()) return nullptr;
-  Ptr<EntryOutbox> head = std::move(elements_.begin()->second);
-  elements_.erase(elements_.begin());
+  Ptr<EntryOutbox> head = std::move(elements_.front().batch);
+  elements_.pop_front();
   ++dequeued_;
   headIndexUpdate();
   return head;
 }
 
 Ptr<EntryOutbox> Outbox::entryFront() const {
-  return elements_.empty() ? nullptr : elements_.begin()->second;
+  return elements_.empty() ? nullptr : elements_.front().batch;
 }
 Ptr<EntryOutbox> Outbox::entryBack() const {
-  return elements_.empty() ? nullptr : elements_.rbegin()->second;
+  return elements_.empty() ? nullptr : elements_.back().batch;
 }
 
 void Outbox::entryIs(uint32_t index, Ptr<EntryOutbox> const& batch) {
@@ -130,12 +155,18 @@ void Outbox::entryIs(uint32_t index, Ptr<EntryOutbox> const& batch) {
     entryDel(index);
     return;
   }
-  elements_[index] = batch;
+  if (auto it = find(index); it != elements_.end()) {
+    it->batch = batch;
+    return;
+  }
+  auto const later = std::find_if(elements_.begin(), elements_.end(),
+                                  [&](Element const& e) { return indexAfter(e.index, index); });
+  elements_.insert(later, {index, batch});
   headIndexUpdate();
 }
 
 void Outbox::entryDel(uint32_t index) {
-  elements_.erase(index);
+  if (auto it = find(index); it != elements_.end()) elements_.erase(it);
   headIndexUpdate();
 }
 
@@ -145,8 +176,8 @@ void Outbox::entryDelAll() {
 }
 
 Ptr<EntryOutbox> Outbox::entry(uint32_t index) const {
-  auto it = elements_.find(index);
-  return it == elements_.end() ? nullptr : it->second;
+  auto it = find(index);
+  return it == elements_.end() ? nullptr : it->batch;
 }
 
 std::ostream& operator<<(std::ostream& os, Key const& v) {

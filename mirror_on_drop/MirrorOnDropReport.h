@@ -6,8 +6,8 @@
 // flows to the sender.
 
 #include <cstdint>
+#include <deque>
 #include <iosfwd>
-#include <map>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -60,6 +60,9 @@ class EntryStatus : public Entry {
     return key_ == o.key_ && type_ == o.type_ && report_ == o.report_;
   }
   std::string valueToStrep() const;
+  // The table checks every entry it reads back: the sender copies 25 + dataSize bytes of the report, so a
+  // size above the sample (left by an earlier run, or damaged) must never reach it.
+  bool sound(std::string& problem) const;
 
  private:
   ReportType type_ = ReportType::START;
@@ -183,7 +186,10 @@ class EntryOutbox : public Calyx::Object, public Calyx::Notifier<EntryOutbox> {
 };
 
 // A first-in first-out queue of batches. Each element has a sequence index; enqueueing gives the new element
-// the larger of the queue's next index and the tail's index plus one, and sets the next index to it.
+// the larger of the queue's next index and the tail's index plus one, and sets the next index to it. Indexes
+// are 32 bits and wrap: "larger" is decided in sequence-number arithmetic (the later of two indexes less than
+// 2^31 apart), and the queue keeps its elements in arrival order, so the element after index 0xFFFFFFFF gets
+// index 0 and goes behind it.
 class Outbox : public Calyx::Object {
  public:
   Outbox() = default;
@@ -193,7 +199,8 @@ class Outbox : public Calyx::Object {
   Ptr<EntryOutbox> entryDeq();
   Ptr<EntryOutbox> entryFront() const;
   Ptr<EntryOutbox> entryBack() const;
-  // Sets the batch of the element with that index (made when absent); a null batch deletes the element.
+  // Sets the batch of the element with that index (made in index order when absent); a null batch deletes the
+  // element.
   void entryIs(uint32_t index, Ptr<EntryOutbox> const& batch);
   void entryDel(uint32_t index);
   void entryDelAll();
@@ -206,10 +213,21 @@ class Outbox : public Calyx::Object {
   size_t size() const { return elements_.size(); }
   bool empty() const { return elements_.empty(); }
 
- private:
-  void headIndexUpdate();
+  // True when index a comes after index b in sequence order.
+  static bool indexAfter(uint32_t a, uint32_t b) { return static_cast<int32_t>(a - b) > 0; }
 
-  std::map<uint32_t, Ptr<EntryOutbox>> elements_;  // by index: the head is the first
+ private:
+  struct Element {
+    uint32_t index;
+    Ptr<EntryOutbox> batch;
+  };
+  using Elements = std::deque<Element>;
+
+  void headIndexUpdate();
+  Elements::iterator find(uint32_t index);
+  Elements::const_iterator find(uint32_t index) const;
+
+  Elements elements_;  // arrival order: the head is the first
   uint32_t headIndex_ = 0;
   uint32_t nextIndex_ = 0;
   uint64_t dequeued_ = 0;

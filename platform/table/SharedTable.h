@@ -25,8 +25,14 @@
 //   segment of the next generation. A file of another layout (version, record sizes) is a trace line and the
 //   table starts empty; a damaged file goes to the corruption handler and, if that returns, the table starts
 //   empty.
+// - A value type may declare `bool sound(std::string& problem) const`: every record read back from the
+// segment
+//   (a lookup, an in-place update, the load of an earlier run's file) is checked with it before use, because
+//   an earlier run or another process may have left it broken. A broken record goes to the corruption handler
+//   and reads as absent.
 
 #include <algorithm>
+#include <concepts>
 #include <cstddef>
 #include <cstdint>
 #include <cstring>
@@ -113,7 +119,7 @@ class SharedTable : public Object, public Notifier<SharedTable<K, V>> {
   template <class F>
   bool entryUpdate(K const& key, F&& change) {
     Probe p;
-    if (!headerSound() || !probe(key, hashOf(key), p) || !p.found) return false;
+    if (!headerSound() || !probe(key, hashOf(key), p) || !p.found || !slotSound(p.index)) return false;
     V v = valueAt(p.index);
     change(v);
     writeValue(p.index, v);
@@ -150,7 +156,7 @@ class SharedTable : public Object, public Notifier<SharedTable<K, V>> {
 
   V const* entry(K const& key) const {
     Probe p;
-    if (!headerSound() || !probe(key, hashOf(key), p) || !p.found) return nullptr;
+    if (!headerSound() || !probe(key, hashOf(key), p) || !p.found || !slotSound(p.index)) return nullptr;
     return &valueAt(p.index);
   }
   size_t entryCount() const { return used_; }
@@ -233,6 +239,23 @@ class SharedTable : public Object, public Notifier<SharedTable<K, V>> {
     }
   }
   void trace(std::string const& line) const { sharedTableTrace(name_, line); }
+
+  static bool recordSound(V const& v, std::string& problem) {
+    if constexpr (requires {
+                    { v.sound(problem) } -> std::convertible_to<bool>;
+                  }) {
+      return v.sound(problem);
+    } else {
+      return true;
+    }
+  }
+  // False after reporting a used slot whose record breaks its own invariants.
+  bool slotSound(size_t i) const {
+    std::string problem;
+    if (recordSound(valueAt(i), problem)) return true;
+    corrupt("slot " + std::to_string(i) + " holds a broken record: " + problem);
+    return false;
+  }
 
   // The fields this writer fixed must still hold; anything else is someone scribbling on the segment.
   bool headerSound() const {
@@ -500,6 +523,10 @@ class SharedTable : public Object, public Notifier<SharedTable<K, V>> {
       std::memcpy(static_cast<void*>(&value), slot + kValueOffset, sizeof(V));
       if (!(value.key() == key)) {
         problem = "slot " + std::to_string(i) + " holds a value of another key";
+        return false;
+      }
+      if (std::string broken; !recordSound(value, broken)) {
+        problem = "slot " + std::to_string(i) + " holds a broken record: " + broken;
         return false;
       }
       if (!seen.insert(key).second) {

@@ -1,9 +1,16 @@
 // Report keys, entries, the batch set and the batch queue's index rules.
 #include <gtest/gtest.h>
 
+#include <fcntl.h>
+#include <sys/mman.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cstring>
 #include <stdexcept>
 
 #include "mirror_on_drop/MirrorOnDropReport.h"
+#include "tests/support/TempStateDir.h"
 
 using namespace MirrorOnDrop;
 using namespace MirrorOnDrop::Report;
@@ -58,6 +65,24 @@ TEST(OutboxTest, SetAndDeleteByIndex) {
   EXPECT_TRUE(q.empty());
 }
 
+// The hazard: with the tail at the last 32-bit index, the next index wraps to 0; the new batch must go behind
+// the tail, not over it, and both must come out in order.
+TEST(OutboxTest, EnqueueAtTheLastIndexWrapsWithoutLosingTheTailBatch) {
+  Outbox q;
+  q.nextIndexIs(0xFFFFFFFEu);
+  q.entryEnq(batch({1}));
+  q.entryEnq(batch({2}));
+  q.entryEnq(batch({3, 4}));
+  EXPECT_EQ(q.size(), 3u);
+  EXPECT_EQ(q.nextIndex(), 0u);
+  EXPECT_EQ(q.entry(0xFFFFFFFFu)->count(), 1u);
+  EXPECT_EQ(q.entryDeq()->entry(key(1)), true);
+  EXPECT_EQ(q.entryDeq()->entry(key(2)), true);
+  EXPECT_EQ(q.headIndex(), 0u);
+  EXPECT_EQ(q.entryDeq()->count(), 2u);
+  EXPECT_TRUE(q.empty());
+}
+
 TEST(EntryOutboxTest, SetSemanticsAndNotification) {
   auto b = make<EntryOutbox>();
   struct Count : EntryOutbox::Reactor {
@@ -97,6 +122,37 @@ TEST(ReportRecordsTest, TextFormsRoundTripAndNameTheField) {
   } catch (std::range_error const& err) {
     EXPECT_NE(std::string(err.what()).find("'type'"), std::string::npos);
   }
+}
+
+// A stored report whose size byte says more than the 80-byte sample (an earlier run's file, damaged) would
+// make the sender copy bytes beyond the record: the table hands it to the corruption handler when it reads it
+// back.
+TEST(ReportStatusTest, StoredReportLargerThanTheSampleIsCorruption) {
+  Calyx::Test::TempStateDir dir;
+  Report::Report r(Drop::Timestamp(9), Drop::Reason(1, 0, 0, 0), 14);
+  EntryStatus const e(key(5), ReportType::START, r);
+  statusFactory("rs")->entryIs(e);
+  // Find the entry's bytes in the file and raise its size byte to 200, as a damaged file would have it.
+  int fd = ::open(dir.file("rs.entry").c_str(), O_RDWR);
+  ASSERT_GE(fd, 0);
+  struct stat st {};
+  ::fstat(fd, &st);
+  auto* base =
+      static_cast<uint8_t*>(::mmap(nullptr, size_t(st.st_size), PROT_READ | PROT_WRITE, MAP_SHARED, fd, 0));
+  ::close(fd);
+  auto const* bytes = reinterpret_cast<uint8_t const*>(&e);
+  size_t const sizeByte = size_t(r.bytes() - reinterpret_cast<uint8_t const*>(&r)) +
+                          size_t(reinterpret_cast<uint8_t const*>(&e.report()) - bytes) + 24;
+  uint8_t* found = nullptr;
+  for (off_t i = 0; i + off_t(sizeof e) <= st.st_size && !found; i += 8) {
+    if (std::memcmp(base + i, bytes, sizeof e) == 0) found = base + i;
+  }
+  ASSERT_NE(found, nullptr);
+  found[sizeByte] = 200;
+  ::munmap(base, size_t(st.st_size));
+  EXPECT_DEATH(statusFactory("rs"),
+               "rs.entry .* is corrupted: slot [0-9]+ holds a broken record: report data size 200 "
+               "exceeds the sample size 80");
 }
 
 }  // namespace

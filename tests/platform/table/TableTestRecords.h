@@ -36,6 +36,12 @@ struct Value {
   bool consistent() const {
     return sum == expectedSum() && check[3] == ((seq + 3) * 0x9e3779b97f4a7c15ull ^ k.lo);
   }
+  // Checked by the table on every record it reads back.
+  bool sound(std::string& problem) const {
+    if (consistent()) return true;
+    problem = "checksum mismatch";
+    return false;
+  }
   bool operator==(Value const&) const = default;
 
  private:
