@@ -28,13 +28,13 @@ void throwErrno(char const* what) {
 }  // namespace
 
 Ptr<EventLoop> EventLoop::makeReal() {
-  return Ptr<EventLoop>(new EventLoop(make<MonotonicClock>(), nullptr));
+  return Ptr<EventLoop>::adopt(new EventLoop(make<MonotonicClock>(), nullptr));
 }
 
 Ptr<EventLoop> EventLoop::makeSimulated(double startTime) {
   auto clock = make<SimulatedClock>(startTime);
   SimulatedClock* raw = clock.get();
-  return Ptr<EventLoop>(new EventLoop(std::move(clock), raw));
+  return Ptr<EventLoop>::adopt(new EventLoop(std::move(clock), raw));
 }
 
 EventLoop* EventLoop::current() {

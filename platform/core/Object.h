@@ -4,6 +4,11 @@
 // The count lives in the object (intrusive). On the single event thread it is a plain integer; built with
 // CALYX_THREAD_SAFE_REFS it is atomic. Destructors of derived classes are protected: an object dies only when
 // its last Ptr goes away, and it is created only through make<T>(...).
+//
+// A new object starts with a count of one, the reference its creator holds: make<T> adopts it. So a
+// constructor that hands a Ptr to itself to someone else (a state machine wiring itself to a reactor or a
+// sub-machine while it is being built) never sees the count fall to zero when that Ptr goes, and the
+// half-built object is not freed under it.
 
 #include <cstdint>
 #if CALYX_THREAD_SAFE_REFS
@@ -29,9 +34,9 @@ class Object {
 
  private:
 #if CALYX_THREAD_SAFE_REFS
-  mutable std::atomic<uint32_t> refs_{0};
+  mutable std::atomic<uint32_t> refs_{1};
 #else
-  mutable uint32_t refs_ = 0;
+  mutable uint32_t refs_ = 1;
 #endif
 };
 

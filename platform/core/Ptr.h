@@ -16,7 +16,15 @@ class Ptr {
  public:
   Ptr() noexcept = default;
   Ptr(std::nullptr_t) noexcept {}
+  // Counts up: p is already owned by someone (an object starts with its creator's reference).
   explicit Ptr(T* p) noexcept : p_(p) { acquire(); }
+  // Takes over the creator's reference of a freshly made object without counting up. make<T> is the one
+  // caller; a class with a protected constructor and a factory of its own uses it too.
+  static Ptr adopt(T* p) noexcept {
+    Ptr ptr;
+    ptr.p_ = p;
+    return ptr;
+  }
   Ptr(Ptr const& o) noexcept : p_(o.p_) { acquire(); }
   Ptr(Ptr&& o) noexcept : p_(std::exchange(o.p_, nullptr)) {}
   template <class U, class = std::enable_if_t<std::is_convertible_v<U*, T*>>>
@@ -61,7 +69,7 @@ class Ptr {
 // The one way to create a counted object. Derived classes keep their constructors public or befriend make.
 template <class T, class... Args>
 Ptr<T> make(Args&&... args) {
-  return Ptr<T>(new T(std::forward<Args>(args)...));
+  return Ptr<T>::adopt(new T(std::forward<Args>(args)...));
 }
 
 template <class T, class U>
