@@ -8,6 +8,7 @@
 #include <tuple>
 
 #include "mirror_on_drop/MirrorOnDropValueText.h"
+#include "platform/core/Assert.h"
 #include "platform/core/EventLoop.h"
 #include "platform/types/ByteOrder.h"
 #include "platform/types/EtherType.h"
@@ -31,7 +32,9 @@ IpGenAddr parseAddress(std::string_view text, std::string_view name) {
 // --- Constant ---
 
 Calyx::Clock const& Constant::Timer::activityClock() {
-  return Calyx::EventLoop::current()->clock();
+  Calyx::EventLoop const* manager = Calyx::EventLoop::current();
+  CALYX_ASSERT(manager, "No activity manager: the event loop must exist before the feature's timers.");
+  return manager->clock();
 }
 
 Constant::Timer::Timer(std::string_view text) {
