@@ -17,6 +17,16 @@ class SimpleEthDevPamManager::DesiredReactor final : public PamDesiredIntfDir::R
   SimpleEthDevPamManager& owner_;
 };
 
+class SimpleEthDevPamManager::IntfStatusReactor final : public AllIntfStatusDir::Reactor {
+ public:
+  IntfStatusReactor(Ptr<AllIntfStatusDir const> dir, SimpleEthDevPamManager& owner)
+      : AllIntfStatusDir::Reactor(std::move(dir)), owner_(owner) {}
+  void handleIntfStatus(IntfId const& intfId) override { owner_.changed(intfId); }
+
+ private:
+  SimpleEthDevPamManager& owner_;
+};
+
 class SimpleEthDevPamManager::SyncReactor final : public Task::Reactor {
  public:
   SyncReactor(Ptr<Task const> task, SimpleEthDevPamManager& owner)
@@ -43,18 +53,23 @@ char const* kindName(PamBackend::Kind kind) {
 
 }  // namespace
 
-SimpleEthDevPamManager::SimpleEthDevPamManager(EventLoop& loop, Ptr<PamDesiredIntfDir const> desired,
-                                               Ptr<EthDevPamCollection> collection)
+SimpleEthDevPamManager::SimpleEthDevPamManager(EventLoop& loop, Ptr<PamDesiredIntfDir> desired,
+                                               Ptr<EthDevPamCollection> collection,
+                                               Ptr<AllIntfStatusDir const> intfStatus)
     : loop_(&loop),
       desired_(std::move(desired)),
       collection_(std::move(collection)),
+      intfStatus_(std::move(intfStatus)),
       wheel_(make<TimerWheel>(loop, 100, 600, false, 64)),
       syncTask_(loop.scheduler().taskNew("PamManager:sync", 0)),
       desiredReactor_(std::make_unique<DesiredReactor>(desired_, *this)),
-      syncReactor_(std::make_unique<SyncReactor>(syncTask_, *this)) {}
+      syncReactor_(std::make_unique<SyncReactor>(syncTask_, *this)) {
+  if (intfStatus_) intfStatusReactor_ = std::make_unique<IntfStatusReactor>(intfStatus_, *this);
+}
 
 SimpleEthDevPamManager::~SimpleEthDevPamManager() {
   desiredReactor_.reset();
+  intfStatusReactor_.reset();
   syncReactor_.reset();
   while (!opened_.empty()) close(opened_.begin()->first);
 }
@@ -67,8 +82,14 @@ void SimpleEthDevPamManager::enabledIs(bool enabled) {
 }
 
 PamBackend SimpleEthDevPamManager::backend(IntfId const& intfId) const {
-  auto it = backends_.find(intfId);
-  return it == backends_.end() ? defaultBackend_ : it->second;
+  if (auto it = backends_.find(intfId); it != backends_.end()) return it->second;
+  if (auto status = intfStatus_ ? intfStatus_->intfStatus(intfId) : std::nullopt) return status->pamBackend;
+  return defaultBackend_;
+}
+
+bool SimpleEthDevPamManager::intfUp(IntfId const& intfId) const {
+  auto status = intfStatus_ ? intfStatus_->intfStatus(intfId) : std::nullopt;
+  return !status || status->operUp;
 }
 
 void SimpleEthDevPamManager::backendIs(IntfId const& intfId, PamBackend backend) {
@@ -112,7 +133,7 @@ void SimpleEthDevPamManager::sync() {
 }
 
 void SimpleEthDevPamManager::syncIntf(IntfId const& intfId) {
-  bool const wanted = enabled_ && desired_->intfDesired(intfId);
+  bool const wanted = enabled_ && desired_->intfDesired(intfId) && intfUp(intfId);
   PamBackend const wantedBackend = backend(intfId);
   auto it = opened_.find(intfId);
   if (it != opened_.end() && (!wanted || !(it->second.backend == wantedBackend))) {

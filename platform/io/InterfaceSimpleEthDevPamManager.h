@@ -9,10 +9,12 @@
 //
 // The backend of each interface is chosen by a PamBackend: live capture by default (of the kernel device
 // named like the interface, or as given), pcap file replay (e.g. "replay FILE as interface et1"), or an
-// in-memory queue. The settings (socket filter program, read limit, bulk read, retry interval) are read when
-// a module is opened: set them before enabling. Changing the backend of an open interface reopens it. Nothing
-// is opened until enabledIs(true); disabling withdraws and closes every module, as does destroying the
-// manager.
+// in-memory queue. It comes from, in this order: a backend set on the manager for the interface, the
+// interface's status in the host's AllIntfStatusDir (when the manager is given one), the default. An
+// interface whose status says it is down is not opened. The settings (socket filter program, read limit, bulk
+// read, retry interval) are read when a module is opened: set them before enabling. Changing the backend of
+// an open interface reopens it. Nothing is opened until enabledIs(true); disabling withdraws and closes every
+// module, as does destroying the manager.
 
 #include <cstdint>
 #include <map>
@@ -23,35 +25,23 @@
 #include "platform/core/EventLoop.h"
 #include "platform/core/Task.h"
 #include "platform/core/TimerWheel.h"
+#include "platform/entity/InterfaceAllIntfStatusDir.h"
 #include "platform/entity/InterfaceEthDevPamCollection.h"
 #include "platform/entity/InterfacePamDesiredIntfDir.h"
 #include "platform/io/Pam.h"
 
 namespace Calyx::Interface {
 
-struct PamBackend {
-  enum class Kind : uint8_t { liveCapture, pcapReplay, inMemory };
-  Kind kind = Kind::liveCapture;
-  std::string device;         // live capture: the kernel's interface name; empty: the interface's own name
-  std::string file;           // pcap replay: the capture file
-  bool recordedPace = false;  // pcap replay: keep the recorded gaps between frames
-
-  static PamBackend liveCapture(std::string device = {}) {
-    return {Kind::liveCapture, std::move(device), {}, false};
-  }
-  static PamBackend pcapReplay(std::string file, bool recordedPace = false) {
-    return {Kind::pcapReplay, {}, std::move(file), recordedPace};
-  }
-  static PamBackend inMemory() { return {Kind::inMemory, {}, {}, false}; }
-  friend bool operator==(PamBackend const&, PamBackend const&) = default;
-};
-
 class SimpleEthDevPamManager : public Object {
  public:
   static constexpr uint32_t kDefaultReadLimit = 64;
 
-  SimpleEthDevPamManager(EventLoop& loop, Ptr<PamDesiredIntfDir const> desired,
-                         Ptr<EthDevPamCollection> collection);
+  SimpleEthDevPamManager(EventLoop& loop, Ptr<PamDesiredIntfDir> desired, Ptr<EthDevPamCollection> collection,
+                         Ptr<AllIntfStatusDir const> intfStatus = nullptr);
+
+  // The wishes the manager follows, writable: the manager hands it to the readers that ask for interfaces.
+  Ptr<PamDesiredIntfDir> const& pamDesiredIntfDir() const { return desired_; }
+  Ptr<EthDevPamCollection> const& pamCollection() const { return collection_; }
 
   // Settings for the modules opened from now on.
   std::string const& socketFilter() const { return socketFilter_; }
@@ -82,12 +72,15 @@ class SimpleEthDevPamManager : public Object {
 
  private:
   class DesiredReactor;
+  class IntfStatusReactor;
   class SyncReactor;
   struct Opened {
     PamBackend backend;
     Ptr<Pam> pam;
   };
 
+  // False only when the host's status says the interface is down.
+  bool intfUp(IntfId const& intfId) const;
   void changed(IntfId const& intfId);
   void changedAll();
   void sync();
@@ -96,11 +89,13 @@ class SimpleEthDevPamManager : public Object {
   void close(IntfId intfId);  // by value: callers pass keys of the map it erases from
 
   EventLoop* loop_;
-  Ptr<PamDesiredIntfDir const> desired_;
+  Ptr<PamDesiredIntfDir> desired_;
   Ptr<EthDevPamCollection> collection_;
+  Ptr<AllIntfStatusDir const> intfStatus_;
   Ptr<TimerWheel> wheel_;
   Ptr<Task> syncTask_;
   std::unique_ptr<DesiredReactor> desiredReactor_;
+  std::unique_ptr<IntfStatusReactor> intfStatusReactor_;
   std::unique_ptr<SyncReactor> syncReactor_;
 
   std::string socketFilter_ = "ether proto 0x1042";

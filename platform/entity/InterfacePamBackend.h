@@ -1,0 +1,28 @@
+#pragma once
+// Interface::PamBackend: where the frames of one interface come from: live capture through libpcap (of the
+// kernel device named like the interface, or as given), replay of a pcap file as that interface, or an
+// in-memory queue the program feeds itself (tests, tools that craft their own frames).
+
+#include <cstdint>
+#include <string>
+
+namespace Calyx::Interface {
+
+struct PamBackend {
+  enum class Kind : uint8_t { liveCapture, pcapReplay, inMemory };
+  Kind kind = Kind::liveCapture;
+  std::string device;         // live capture: the kernel's interface name; empty: the interface's own name
+  std::string file;           // pcap replay: the capture file
+  bool recordedPace = false;  // pcap replay: keep the recorded gaps between frames
+
+  static PamBackend liveCapture(std::string device = {}) {
+    return {Kind::liveCapture, std::move(device), {}, false};
+  }
+  static PamBackend pcapReplay(std::string file, bool recordedPace = false) {
+    return {Kind::pcapReplay, {}, std::move(file), recordedPace};
+  }
+  static PamBackend inMemory() { return {Kind::inMemory, {}, {}, false}; }
+  friend bool operator==(PamBackend const&, PamBackend const&) = default;
+};
+
+}  // namespace Calyx::Interface

@@ -1,0 +1,44 @@
+#pragma once
+// KernelNetInfo::Status: the kernel's view of the host's interfaces, keyed by IntfId: the kernel device
+// behind each interface and its index (0 while the device does not exist). The host agent fills it at
+// start-up and on reload. Reactors hear handleKernelIntf(intf) for every interface whose entry appeared,
+// changed or went away.
+
+#include <cstddef>
+#include <cstdint>
+#include <optional>
+#include <string>
+
+#include "platform/core/Entity.h"
+#include "platform/core/KeyedCollection.h"
+#include "platform/types/IntfId.h"
+
+namespace Calyx::KernelNetInfo {
+
+struct KernelIntf {
+  std::string deviceName;
+  uint32_t ifIndex = 0;
+  friend bool operator==(KernelIntf const&, KernelIntf const&) = default;
+};
+
+class Status : public Object, public Notifier<Status> {
+ public:
+  class Reactor : public ReactorBase<Status> {
+   public:
+    using ReactorBase::ReactorBase;
+    virtual void handleKernelIntf(IntfId const& /*intfId*/) {}
+  };
+
+  std::optional<KernelIntf> kernelIntf(IntfId const& intfId) const;
+  size_t kernelIntfCount() const { return kernelIntf_.count(); }
+  std::optional<IntfId> kernelIntfFirst() const { return kernelIntf_.first(); }
+  std::optional<IntfId> kernelIntfNext(IntfId const& after) const { return kernelIntf_.next(after); }
+  void kernelIntfIs(IntfId const& intfId, KernelIntf const& intf);
+  void kernelIntfDel(IntfId const& intfId);
+  void kernelIntfDelAll();
+
+ private:
+  KeyedCollection<IntfId, KernelIntf> kernelIntf_;
+};
+
+}  // namespace Calyx::KernelNetInfo
