@@ -143,11 +143,22 @@ class Status : public Calyx::Object {
   size_t entryCount() const { return entry_->entryCount(); }
 
   bool entryIntfIs(Interface::Entry const& e) { return entryIntf_->entryIs(e); }
+  // Find-or-create for in-place change: the interface's counter (countReport 0 when it has none) is changed
+  // by change(Interface::Entry&), then committed.
+  template <class F>
+  void entryIntfUpdate(Interface::Key const& k, F&& change) {
+    entryIntf_->entryUpdate(k, std::forward<F>(change), [&] { return Interface::Entry(k, 0); });
+  }
   bool entryIntfDel(Interface::Key const& k) { return entryIntf_->entryDel(k); }
   void entryIntfCommit(Interface::Entry const& e) { entryIntf_->entryCommit(e); }
   void entryIntfDelAll() { entryIntf_->entryDelAll(); }
   Interface::Entry const* entryIntf(Interface::Key const& k) const { return entryIntf_->entry(k); }
   size_t entryIntfCount() const { return entryIntf_->entryCount(); }
+  // Walk in interface order; a walk survives changes made during it.
+  std::optional<Interface::Key> entryIntfFirst() const { return entryIntf_->entryFirst(); }
+  std::optional<Interface::Key> entryIntfNext(Interface::Key const& after) const {
+    return entryIntf_->entryNext(after);
+  }
 
  private:
   std::string name_;

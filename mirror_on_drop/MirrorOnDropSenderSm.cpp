@@ -404,11 +404,7 @@ void SenderSm::sendToCollector(String const& exporter, String const& collector, 
       status.startIs(status.start() + 1);
     }
   };
-  if (!collectorStatus_->entryUpdate(key, count)) {
-    Collector::EntryStatus status(key);
-    count(status);
-    collectorStatus_->entryCommit(status);
-  }
+  collectorStatus_->entryUpdate(key, count, [&] { return Collector::EntryStatus(key); });
   MOD_TRACE(trace(), 5, "  Updating status: report packet was sent, collector = '" << collector << "'.");
 }
 

@@ -128,6 +128,27 @@ class SharedTable : public Object, public Notifier<SharedTable<K, V>> {
     return true;
   }
 
+  // The same for a counter that may not exist yet: when key has no entry, change edits the value make()
+  // gives, which is then inserted. False only when the table is damaged.
+  template <class F, class M>
+  bool entryUpdate(K const& key, F&& change, M&& make) {
+    if (entryUpdate(key, change)) return true;
+    if (!headerSound()) return false;
+    V v = make();
+    change(v);
+    entryCommit(v);
+    return true;
+  }
+
+  // Publishes the entry of key as it stands and notifies; nothing when key has no entry.
+  void entryCommit(K const& key) {
+    Probe p;
+    if (!headerSound() || !probe(key, hashOf(key), p) || !p.found || !slotSound(p.index)) return;
+    writeValue(p.index, valueAt(p.index));
+    publishCounts();
+    this->notify(&Reactor::handleEntry, key);
+  }
+
   // Removes key's entry; false (and no notification) when there is none.
   bool entryDel(K const& key) {
     Probe p;
