@@ -31,10 +31,14 @@ IpGenAddr parseAddress(std::string_view text, std::string_view name) {
 
 // --- Constant ---
 
-Calyx::Clock const& Constant::Timer::activityClock() {
-  Calyx::EventLoop const* manager = Calyx::EventLoop::current();
+Calyx::EventLoop& Constant::Timer::activityManager() {
+  Calyx::EventLoop* manager = Calyx::EventLoop::current();
   CALYX_ASSERT(manager, "No activity manager: the event loop must exist before the feature's timers.");
-  return manager->clock();
+  return *manager;
+}
+
+Calyx::Clock const& Constant::Timer::activityClock() {
+  return activityManager().clock();
 }
 
 Constant::Timer::Timer(std::string_view text) {

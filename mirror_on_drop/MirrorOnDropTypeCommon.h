@@ -16,6 +16,10 @@
 #include "platform/types/Hash.h"
 #include "platform/types/IpGenAddr.h"
 
+namespace Calyx {
+class EventLoop;
+}
+
 namespace MirrorOnDrop {
 
 using Calyx::IpGenAddr;
@@ -35,7 +39,9 @@ class Constant {
   // The parameters of the agent's timer wheel. No state: any two are equal.
   class Timer {
    public:
-    // The activity manager's clock, read at each access.
+    // The activity manager (the process's first event loop) and its clock, read at each access. Without an
+    // event loop there is no activity manager: a named assertion.
+    static Calyx::EventLoop& activityManager();
     static Calyx::Clock const& activityClock();
     static constexpr uint32_t granularity() { return 200; }
     static constexpr uint32_t maxTicks() { return 525600; }
