@@ -1,6 +1,7 @@
 #include "mirror_on_drop/MirrorOnDropReceiverSm.h"
 
 #include <algorithm>
+#include <cstdio>
 #include <cstring>
 
 #include "mirror_on_drop/MirrorOnDropTraceManager.h"
@@ -176,6 +177,12 @@ ReceiverSm::~ReceiverSm() {
   fcsdReactor_.reset();
   pamCollectionReactor_.reset();
   pamDelAll();
+}
+
+std::string ReceiverSm::socketFilter() {
+  char text[32];
+  std::snprintf(text, sizeof text, "ether proto 0x%04x", Constant::vorlanModEthType());
+  return text;
 }
 
 void ReceiverSm::initialize() {

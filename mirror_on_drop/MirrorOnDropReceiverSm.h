@@ -12,6 +12,7 @@
 
 #include <map>
 #include <memory>
+#include <string>
 
 #include "mirror_on_drop/MirrorOnDropExchanger.h"
 #include "platform/entity/CalyxCentralFeatureAgentCommonSmData.h"
@@ -27,6 +28,9 @@ class ReceiverSm : public Calyx::Object {
   using FeatureAgentCommonSmData = Calyx::CalyxCentral::FeatureAgentCommonSmData;
   using PamDesiredIntfDir = Calyx::Interface::PamDesiredIntfDir;
   using EthDevPamCollection = Calyx::Interface::EthDevPamCollection;
+
+  // The kernel filter for the modules the receiver reads: only the chip's mirrored drop frames.
+  static std::string socketFilter();
 
   ReceiverSm(Calyx::Ptr<FeatureAgentCommonSmData const> fcsd, Calyx::Ptr<PamDesiredIntfDir> pamDesiredIntfDir,
              Calyx::Ptr<EthDevPamCollection const> pamCollection, Calyx::Ptr<Exchanger> exchanger);
