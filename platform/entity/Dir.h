@@ -1,0 +1,43 @@
+#pragma once
+// Dir: a directory of the state store: named child directories, made and removed by name. An agent keeps its
+// own directory; a feature marks that it is running by the child named after it, which exists exactly while
+// the feature is on. Reactors hear handleEntry(name) when a child appears or goes away.
+
+#include <cstddef>
+#include <optional>
+
+#include "platform/core/Entity.h"
+#include "platform/core/KeyedCollection.h"
+#include "platform/types/String.h"
+
+namespace Calyx {
+
+class Dir : public Object, public Notifier<Dir> {
+ public:
+  class Reactor : public ReactorBase<Dir> {
+   public:
+    using ReactorBase::ReactorBase;
+    virtual void handleEntry(String const& /*name*/) {}
+  };
+
+  explicit Dir(String name) : name_(std::move(name)) {}
+
+  String const& name() const { return name_; }
+  // The child of that name, or null.
+  Ptr<Dir> entry(String const& name) const;
+  size_t entryCount() const { return entry_.count(); }
+  std::optional<String> entryFirst() const { return entry_.first(); }
+  std::optional<String> entryNext(String const& after) const { return entry_.next(after); }
+  // Makes the child (or returns the one there is).
+  Ptr<Dir> entryIs(String const& name);
+  void entryDel(String const& name);
+
+ protected:
+  ~Dir() override = default;
+
+ private:
+  String name_;
+  KeyedCollection<String, Ptr<Dir>> entry_;
+};
+
+}  // namespace Calyx
