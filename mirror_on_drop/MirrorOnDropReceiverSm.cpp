@@ -212,6 +212,7 @@ void ReceiverSm::handleIntf(IntfId const& intfId) {
 }
 
 void ReceiverSm::pamIs(IntfId const& intfId, Ptr<Calyx::Pam const> pam) {
+  ++pamGeneration_;
   auto it = pam_.find(intfId);
   if (it == pam_.end()) {
     pam_.emplace(intfId, std::make_unique<PamReactor>(*this, intfId, std::move(pam)));
@@ -221,10 +222,12 @@ void ReceiverSm::pamIs(IntfId const& intfId, Ptr<Calyx::Pam const> pam) {
 }
 
 void ReceiverSm::pamDel(IntfId const& intfId) {
+  ++pamGeneration_;
   pam_.erase(intfId);
 }
 
 void ReceiverSm::pamDelAll() {
+  ++pamGeneration_;
   pam_.clear();
 }
 
@@ -238,9 +241,14 @@ void ReceiverSm::handlePamReadable(IntfId const& intfId) {
   if (it == pam_.end()) return;
   Ptr<Calyx::Pam const> const pam(it->second->notifier());
   MOD_TRACE(trace(), 4, "Retrieving " << pam->curRxPkts() << " packet(s).");
+  uint64_t generation = pamGeneration_;
   while (true) {
-    auto current = pam_.find(intfId);
-    if (current == pam_.end() || current->second->notifier() != pam.get()) return;
+    // The modules changed while a frame was handled: read on only if this one is still ours.
+    if (generation != pamGeneration_) {
+      auto current = pam_.find(intfId);
+      if (current == pam_.end() || current->second->notifier() != pam.get()) return;
+      generation = pamGeneration_;
+    }
     Ptr<Pkt> frame = pam->rxPkt();
     if (!frame) return;
     exchanger_->counterReceivedPacketInc(1);

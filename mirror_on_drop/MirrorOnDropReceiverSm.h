@@ -10,6 +10,7 @@
 // trace line at level 3 and changes nothing. The wishes it made are left in place when it goes: only an
 // interface leaving fcsd withdraws one.
 
+#include <cstdint>
 #include <map>
 #include <memory>
 #include <string>
@@ -68,6 +69,7 @@ class ReceiverSm : public Calyx::Object {
   Calyx::Ptr<EthDevPamCollection const> pamCollection_;
   Calyx::Ptr<Exchanger> exchanger_;
   std::map<Calyx::IntfId, std::unique_ptr<PamReactor>> pam_;
+  uint64_t pamGeneration_ = 0;  // moves on every change of pam_
   std::unique_ptr<FcsdReactor> fcsdReactor_;
   std::unique_ptr<PamCollectionReactor> pamCollectionReactor_;
 };

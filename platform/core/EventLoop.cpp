@@ -58,6 +58,7 @@ EventLoop::EventLoop(Ptr<Clock> clock, SimulatedClock* simulated)
 
 EventLoop::~EventLoop() {
   if (activityManager == this) activityManager = nullptr;
+  scheduler_->readyClear();
   signalWatch_.reset();
   for (auto& o : doomed_) o.reset();
   if (signalFd_ >= 0) close(signalFd_);

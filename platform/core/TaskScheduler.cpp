@@ -14,6 +14,15 @@ void TaskScheduler::enqueue(Task* task) {
   ++readyCount_;
 }
 
+void TaskScheduler::readyClear() {
+  ReadyQueue waiting;
+  waiting.swap(ready_);
+  readyCount_ = 0;
+  for (auto& [priority, tasks] : waiting) {
+    for (auto& task : tasks) task->scheduled_ = false;
+  }
+}
+
 size_t TaskScheduler::runReady() {
   // The tasks ready now are taken off the queue as one batch, so a task that schedules itself (or another
   // task) while it runs goes back on the queue for the next call: it cannot run twice here, nor keep a less

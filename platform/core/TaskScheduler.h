@@ -38,6 +38,9 @@ class TaskScheduler : public Object {
   // Runs every task that was ready when called, once each; returns how many ran.
   size_t runReady();
   bool hasReady() const { return readyCount_ > 0; }
+  // Forgets every waiting task without running it. A waiting task holds its scheduler and the scheduler holds
+  // it: the loop that owns the scheduler clears the queue when it goes, so that neither outlives it.
+  void readyClear();
   size_t readyCount() const { return readyCount_; }
 
  private:
