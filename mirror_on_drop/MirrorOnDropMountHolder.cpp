@@ -40,10 +40,6 @@ MountHolder::MountHolder(Ptr<AllIntfStatusLocalDir const> allIntfStatusLocalDir,
                                             Constant::Timer::granularity(), Constant::Timer::maxTicks(),
                                             kFireInBatches, kMaxFirePerTurn)) {}
 
-Ptr<Calyx::Task> MountHolder::makeTask(std::string const& taskName, int priority) const {
-  return scheduler_->taskNew(taskName, priority);
-}
-
 Ptr<MountHolder> mountHolderFactory(
     Ptr<MountHolder::AllIntfStatusLocalDir const> allIntfStatusLocalDir,
     Ptr<MountHolder::AllIntfStatusDir const> allIntfStatusDir,

@@ -78,8 +78,11 @@ class MountHolder : public Calyx::Object {
   void hwFtConfigIs(Calyx::Ptr<FtConfig const> config) { hwFtConfig_ = std::move(config); }
   void hwFtStatusIs(Calyx::Ptr<FtStatus> status) { hwFtStatus_ = std::move(status); }
 
-  // A task of the given name and priority on the holder's scheduler.
-  Calyx::Ptr<Calyx::Task> makeTask(std::string const& taskName, int priority) const;
+  // A task of the given name and priority on the holder's scheduler. Inline: the host calls it across the
+  // plug-in boundary without linking the plug-in.
+  Calyx::Ptr<Calyx::Task> makeTask(std::string const& taskName, int priority) const {
+    return scheduler_->taskNew(taskName, priority);
+  }
 
  protected:
   ~MountHolder() override = default;

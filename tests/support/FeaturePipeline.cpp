@@ -29,7 +29,10 @@ FeaturePipeline::FeaturePipeline(double activeInterval, double inactiveTimeout)
       hwStatus(make<MountHolder::HwStatus>()),
       kniStatus(make<MountHolder::KniStatus>()),
       ftConfig(make<MountHolder::FtConfig>(kTracker)),
-      exporter(make<HwFt::ExporterConfig>("e1")) {
+      exporter(make<HwFt::ExporterConfig>("e1")),
+      config(make<Calyx::FlowTracking::Config>()),
+      configStatus(make<Calyx::FlowTracking::Status>()),
+      agentDir(make<Calyx::Dir>("mod-agent")) {
   for (auto const& intf : {kIntfA, kIntfB}) {
     fcsd->intfIs(intf);
     allIntfStatusDir->intfStatusIs(intf, {true, Calyx::Interface::PamBackend::inMemory()});
@@ -41,7 +44,6 @@ FeaturePipeline::FeaturePipeline(double activeInterval, double inactiveTimeout)
   exporter->collectorIpAndPortIs("c4", HwFt::IpAndPort(*IpGenAddr::parse("127.0.0.1"), collector4.port()));
   exporter->collectorIp6AndPortIs("c6", HwFt::IpAndPort(*IpGenAddr::parse("::1"), collector6.port()));
   ftConfig->expConfigIs("e1", exporter);
-  hwConfig->hwFtConfigIs(kTracker, ftConfig);
   capabilities->mirrorOnDropSupportedIs(true);
   holder =
       mountHolderFactory(allIntfStatusLocalDir, allIntfStatusDir, capabilities, configReq, collectorStatus,
@@ -50,6 +52,7 @@ FeaturePipeline::FeaturePipeline(double activeInterval, double inactiveTimeout)
 }
 
 FeaturePipeline::~FeaturePipeline() {
+  manager = nullptr;
   dispatcher = nullptr;
   holder = nullptr;
 }
@@ -73,8 +76,40 @@ void FeaturePipeline::dispatcherStop() {
   loop->runUntilIdle();
 }
 
+Ptr<Calyx::FlowTracking::TrackerConfig> FeaturePipeline::trackerConfigure(std::string const& name,
+                                                                          double activeInterval,
+                                                                          double inactiveTimeout) {
+  auto tracker = make<Calyx::FlowTracking::TrackerConfig>(name);
+  tracker->activeIntervalIs(Calyx::FlowTracking::ActiveInterval(uint32_t(activeInterval * 1000)));
+  tracker->inactiveTimeoutIs(Calyx::FlowTracking::InactiveTimeout(uint32_t(inactiveTimeout * 1000)));
+  tracker->exporterIs("e1", exporter);
+  config->enabledIs(true);
+  config->trackerIs(name, tracker);
+  return tracker;
+}
+
+void FeaturePipeline::managerStart() {
+  Ptr<Calyx::Task> task = holder->makeTask(ManagerSm::kTaskToggleFeatureOffName, 5);
+  manager = managerSmFactory(config, configStatus, agentDir, hwConfig, capabilities, allIntfStatusDir,
+                             allIntfStatusDir, allIntfStatusDir, kniStatus, kniStatus, kniStatus, allIntfStatusDir,
+                             holder->scheduler(), hwConfig, hwStatus, emtConfig, reportStatus, task,
+                             holder->exchanger(), holder);
+  loop->runUntilIdle();
+}
+
+void FeaturePipeline::managerStop() {
+  manager = nullptr;
+  loop->runUntilIdle();
+}
+
+Ptr<DispatcherSm> FeaturePipeline::activeDispatcher() const {
+  if (dispatcher) return dispatcher;
+  return manager ? manager->dispatcherSm() : nullptr;
+}
+
 void FeaturePipeline::drop(Calyx::IntfId const& intf, std::vector<std::vector<uint8_t>> const& frames) {
-  Ptr<Calyx::Pam> pam = dispatcher ? dispatcher->pamManager()->pam(intf) : nullptr;
+  Ptr<DispatcherSm> const d = activeDispatcher();
+  Ptr<Calyx::Pam> pam = d ? d->pamManager()->pam(intf) : nullptr;
   auto* queue = dynamic_cast<Calyx::InMemoryPam*>(pam.get());
   if (!queue) return;
   std::vector<Ptr<Calyx::Pkt>> pkts;

@@ -9,6 +9,11 @@
 //   p.drop(FeaturePipeline::kIntfA, {FeaturePipeline::frame(1, 100)});
 //   p.loop->runFor(1.1);                     // the START goes out
 //   p.received();                            // the reports the IPv4 collector got, decoded
+//
+// Or, for the whole feature control: the user's flow-tracking configuration and a ManagerSm over it.
+//
+//   p.trackerConfigure("t1");                // enabled, tracker t1 with exporter e1 to both collectors
+//   p.managerStart();                        // the manager turns the feature on
 
 #include <sys/socket.h>
 
@@ -16,6 +21,7 @@
 #include <vector>
 
 #include "mirror_on_drop/MirrorOnDropDispatcherSm.h"
+#include "mirror_on_drop/MirrorOnDropManagerSm.h"
 #include "mirror_on_drop/MirrorOnDropMountHolder.h"
 #include "platform/core/EventLoop.h"
 #include "platform/entity/HwFlowTrackingExporterConfig.h"
@@ -48,6 +54,16 @@ class FeaturePipeline {
   // the tracker status goes.
   void dispatcherStop();
 
+  // A tracker in the user's configuration (flow tracking enabled), with exporter e1 to both collectors.
+  Calyx::Ptr<Calyx::FlowTracking::TrackerConfig> trackerConfigure(std::string const& name,
+                                                                  double activeInterval = 1.0,
+                                                                  double inactiveTimeout = 5.0);
+  // A manager over the configuration and the holder, as the host makes it; and its release.
+  void managerStart();
+  void managerStop();
+  // The dispatcher of either way of running: the test's own or the manager's.
+  Calyx::Ptr<DispatcherSm> activeDispatcher() const;
+
   // Frames arriving on an interface's module in one readable event.
   void drop(Calyx::IntfId const& intf, std::vector<std::vector<uint8_t>> const& frames);
   // A well-formed mirrored frame of flow n (TCP 10.0.0.1:n -> 10.0.0.2:80, or the IPv6 equivalent).
@@ -79,6 +95,10 @@ class FeaturePipeline {
   Calyx::Ptr<Calyx::HwFlowTracking::ExporterConfig> exporter;
   Calyx::Ptr<MountHolder> holder;
   Calyx::Ptr<DispatcherSm> dispatcher;
+  Calyx::Ptr<Calyx::FlowTracking::Config> config;
+  Calyx::Ptr<Calyx::FlowTracking::Status> configStatus;
+  Calyx::Ptr<Calyx::Dir> agentDir;
+  Calyx::Ptr<ManagerSm> manager;
 
  private:
   static void decode(std::vector<Calyx::Test::Datagram> const& datagrams, std::vector<ReceivedReport>& out);

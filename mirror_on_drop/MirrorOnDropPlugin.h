@@ -1,0 +1,42 @@
+#pragma once
+// The plug-in's boundary, shared by the host and the plug-in: one extern "C" entry point,
+// mirrorOnDropPluginTable(), gives the table of the plug-in's factories. The host finds it by name with
+// dlsym and checks the table's version before it touches a factory; host and plug-in are built from the same
+// sources, so a matching version means matching types. A factory the plug-in does not have is a null pointer
+// (this build has no exact-match adapter yet), never a stand-in.
+
+#include <cstdint>
+#include <string>
+
+#include "mirror_on_drop/MirrorOnDropCollector.h"
+#include "mirror_on_drop/MirrorOnDropEmtCommon.h"
+#include "mirror_on_drop/MirrorOnDropManagerSm.h"
+#include "mirror_on_drop/MirrorOnDropMountHolder.h"
+#include "mirror_on_drop/MirrorOnDropReport.h"
+
+namespace MirrorOnDrop {
+
+using MountHolderFactory = decltype(&mountHolderFactory);
+using ManagerSmFactory = decltype(&managerSmFactory);
+using EmtConfigFactory = decltype(&Emt::configFactory);
+using EmtStatusFactory = decltype(&Emt::statusFactory);
+using CollectorStatusFactory = decltype(&Collector::statusFactory);
+using ReportStatusFactory = decltype(&Report::statusFactory);
+
+struct PluginTable {
+  static constexpr uint32_t kVersion = 1;
+  static constexpr char const* kEntryPoint = "mirrorOnDropPluginTable";
+
+  uint32_t version;  // first, at a fixed place: the one field a host of another version can read
+  MountHolderFactory mountHolderFactory;
+  ManagerSmFactory managerSmFactory;
+  void const* adapterSmFactory;  // null: not in this build
+  EmtConfigFactory emtConfigFactory;
+  EmtStatusFactory emtStatusFactory;
+  CollectorStatusFactory collectorStatusFactory;
+  ReportStatusFactory reportStatusFactory;
+};
+
+}  // namespace MirrorOnDrop
+
+extern "C" MirrorOnDrop::PluginTable const* mirrorOnDropPluginTable();

@@ -1,0 +1,71 @@
+// The plug-in as the agent meets it: the real libmirror_on_drop.so loaded through the platform's loader, its
+// table's factories driven in the start-up order, and torn down in the reverse.
+#include <gtest/gtest.h>
+
+#include <cstdlib>
+
+#include "agent/FeatureHost.h"
+#include "platform/core/EventLoop.h"
+#include "platform/io/PluginLibrary.h"
+#include "tests/support/TempStateDir.h"
+
+using namespace MirrorOnDrop;
+using namespace Calyx;
+
+namespace {
+
+std::string buildFile(std::string const& rel) {
+  char const* dir = std::getenv("CALYX_BUILD_DIR");
+  return std::string(dir ? dir : ".") + "/" + rel;
+}
+
+std::string const kPlugin = "mirror_on_drop/libmirror_on_drop.so";
+
+TEST(PluginLibraryTest, EveryRefusalNamesTheFileAndNothingCrashes) {
+  std::string error;
+  EXPECT_FALSE(PluginLibrary::open("/nonexistent/libmod.so", PluginTable::kEntryPoint, 1, error));
+  EXPECT_NE(error.find("cannot load the plug-in /nonexistent/libmod.so"), std::string::npos) << error;
+  // The platform library is a real shared library without the feature's entry point.
+  std::string const platform = buildFile("platform/libcalyx.so");
+  EXPECT_FALSE(PluginLibrary::open(platform, PluginTable::kEntryPoint, 1, error));
+  EXPECT_EQ(error, "the plug-in " + platform + " has no entry point mirrorOnDropPluginTable");
+  EXPECT_FALSE(PluginLibrary::open(buildFile(kPlugin), PluginTable::kEntryPoint, 2, error));
+  EXPECT_EQ(error, "the plug-in " + buildFile(kPlugin) + " has plug-in table version 1, this host needs 2");
+}
+
+TEST(FeatureHostTest, StartUpTurnsTheFeatureOnAndTearDownLeavesItOff) {
+  Calyx::Test::TempStateDir dir;
+  std::string error;
+  auto library =
+      PluginLibrary::open(buildFile(kPlugin), PluginTable::kEntryPoint, PluginTable::kVersion, error);
+  ASSERT_TRUE(library) << error;
+  auto const& plugin = library->tableAs<PluginTable>();
+  EXPECT_EQ(plugin.adapterSmFactory, nullptr);  // not in this build: said plainly, not faked
+
+  auto loop = EventLoop::makeSimulated();
+  FeatureMounts m{make<FlowTracking::Config>(),
+                  make<FlowTracking::Status>(),
+                  make<Dir>("mod-agent"),
+                  make<Interface::AllIntfStatusLocalDir>(),
+                  make<Interface::AllIntfStatusDir>(),
+                  make<HwFlowTracking::Capabilities>(),
+                  make<FlowTracking::ConfigReq>(),
+                  make<CalyxCentral::FeatureAgentCommonSmData>(),
+                  make<HwFlowTracking::Config>(),
+                  make<HwFlowTracking::Status>(),
+                  make<KernelNetInfo::Status>(),
+                  Ptr<TaskScheduler>(&loop->scheduler())};
+  m.config->enabledIs(true);
+  m.config->trackerIs("t1", make<FlowTracking::TrackerConfig>("t1"));
+  m.capabilities->mirrorOnDropSupportedIs(true);
+  auto host = std::make_unique<FeatureHost>(plugin, m);
+  EXPECT_TRUE(host->featureOn());
+  ASSERT_TRUE(host->holder()->hwFtConfig());
+  EXPECT_EQ(host->holder()->hwFtConfig()->name(), "t1");
+  EXPECT_TRUE(m.hwStatus->hwFtStatus("t1"));
+  host.reset();
+  EXPECT_EQ(m.agentDir->entryCount(), 0u);
+  EXPECT_EQ(m.hwStatus->hwFtStatusCount(), 0u);
+}
+
+}  // namespace
