@@ -3,10 +3,15 @@
 namespace {
 
 MirrorOnDrop::PluginTable const kTable{
-    MirrorOnDrop::PluginTable::kVersion,     &MirrorOnDrop::mountHolderFactory,
-    &MirrorOnDrop::managerSmFactory,         nullptr,
-    &MirrorOnDrop::Emt::configFactory,       &MirrorOnDrop::Emt::statusFactory,
-    &MirrorOnDrop::Collector::statusFactory, &MirrorOnDrop::Report::statusFactory,
+    .version = MirrorOnDrop::PluginTable::kVersion,
+    .mountHolderFactory = &MirrorOnDrop::mountHolderFactory,
+    .managerSmFactory = &MirrorOnDrop::managerSmFactory,
+    .adapterSmFactory = nullptr,
+    .emtConfigFactory = &MirrorOnDrop::Emt::configFactory,
+    .emtStatusFactory = &MirrorOnDrop::Emt::statusFactory,
+    .collectorStatusFactory = &MirrorOnDrop::Collector::statusFactory,
+    .reportStatusFactory = &MirrorOnDrop::Report::statusFactory,
+    .collectorCountersRead = &MirrorOnDrop::Collector::countersRead,
 };
 
 }  // namespace

@@ -22,6 +22,7 @@ using EmtConfigFactory = decltype(&Emt::configFactory);
 using EmtStatusFactory = decltype(&Emt::statusFactory);
 using CollectorStatusFactory = decltype(&Collector::statusFactory);
 using ReportStatusFactory = decltype(&Report::statusFactory);
+using CollectorCountersRead = decltype(&Collector::countersRead);
 
 struct PluginTable {
   static constexpr uint32_t kVersion = 1;
@@ -35,6 +36,7 @@ struct PluginTable {
   EmtStatusFactory emtStatusFactory;
   CollectorStatusFactory collectorStatusFactory;
   ReportStatusFactory reportStatusFactory;
+  CollectorCountersRead collectorCountersRead;  // for the host's statistics
 };
 
 }  // namespace MirrorOnDrop

@@ -1,0 +1,216 @@
+#include "agent/Agent.h"
+
+#include <signal.h>
+#include <stdlib.h>
+#include <unistd.h>
+
+#include <cstdio>
+#include <filesystem>
+#include <iostream>
+#include <sstream>
+
+#include "agent/ConfigApply.h"
+#include "platform/core/RingTrace.h"
+#include "platform/core/Trace.h"
+#include "platform/core/TraceSink.h"
+#include "platform/io/PcapReplayPam.h"
+
+namespace ModAgent {
+
+using Calyx::make;
+using Calyx::Ptr;
+
+namespace {
+
+constexpr double kProgressEvery = 2.0;  // seconds of real time between progress lines of a replay
+constexpr double kVirtualStep = 1.0;    // seconds of virtual time per turn of the replay's outer loop
+
+void say(std::string const& line) {
+  std::cerr << "mod-agent: " << line << std::endl;
+}
+
+}  // namespace
+
+// The loop's signals: SIGHUP reloads, SIGINT and SIGTERM end the run.
+class Agent::SignalReactor : public Calyx::EventLoop::Reactor {
+ public:
+  SignalReactor(Agent& agent, Ptr<Calyx::EventLoop> loop) : Reactor(std::move(loop)), agent_(agent) {}
+  void handleSignal(int signo) override {
+    if (signo == SIGHUP) return agent_.reload();
+    say(std::string("stopping on ") + (signo == SIGINT ? "SIGINT" : "SIGTERM"));
+    agent_.loop_->stop();
+  }
+
+ private:
+  Agent& agent_;
+};
+
+Agent::Agent(AgentConfig config, std::string pluginPath, ConfigLoader loader)
+    : config_(std::move(config)), pluginPath_(std::move(pluginPath)), loader_(std::move(loader)) {}
+
+Agent::~Agent() {
+  signalReactor_.reset();
+  host_.reset();  // the feature down first: the manager's clean-up turns it off
+  statusStore_.reset();
+  mounts_ = {};
+  loop_ = nullptr;
+  plugin_.reset();  // last: nothing the plug-in made may outlive its code
+}
+
+std::string Agent::pluginDefaultPath() {
+  std::error_code ec;
+  std::filesystem::path const self = std::filesystem::read_symlink("/proc/self/exe", ec);
+  std::filesystem::path const dir = ec ? std::filesystem::path(".") : self.parent_path();
+  for (auto const& candidate : {dir / "libmirror_on_drop.so", dir / "../mirror_on_drop/libmirror_on_drop.so",
+                                dir / "../lib/libmirror_on_drop.so"}) {
+    if (std::filesystem::exists(candidate, ec)) return candidate.lexically_normal().string();
+  }
+  return (dir / "libmirror_on_drop.so").string();
+}
+
+void Agent::traceApply(AgentConfig const& c) {
+  std::string const error = Calyx::TraceRegistry::instance().levelsApply(c.traceLevels);
+  if (!error.empty()) say("trace levels \"" + c.traceLevels + "\": " + error);
+  if (c.traceOutput == "stderr") {
+    Calyx::TraceRegistry::instance().sinkIs(std::make_shared<Calyx::StderrTraceSink>());
+  } else {
+    Calyx::TraceRegistry::instance().sinkIs(std::make_shared<Calyx::FileTraceSink>(c.traceOutput));
+  }
+}
+
+bool Agent::start() {
+  std::string error;
+  if (!lock_.acquire(config_.stateDir, error)) {
+    say(error);
+    return false;
+  }
+  // The tables and the tracker status live in the state directory.
+  setenv("CALYX_STATE_DIR", config_.stateDir.c_str(), 1);
+  traceApply(config_);
+  if (!Calyx::RingTrace::instance().open(config_.stateDir + "/ring-trace")) {
+    say("ring trace stays in memory: " + Calyx::RingTrace::instance().error());
+  }
+  plugin_ = Calyx::PluginLibrary::open(pluginPath_, MirrorOnDrop::PluginTable::kEntryPoint,
+                                       MirrorOnDrop::PluginTable::kVersion, error);
+  if (!plugin_) {
+    say(error);
+    return false;
+  }
+  bool const virtualTime = config_.replaying() && config_.replayClock == ReplayClock::virtualTime;
+  loop_ = virtualTime ? Calyx::EventLoop::makeSimulated() : Calyx::EventLoop::makeReal();
+  loop_->signalsEnable();
+  signalReactor_ = std::make_unique<SignalReactor>(*this, loop_);
+
+  mounts_ = MirrorOnDrop::FeatureMounts{make<Calyx::FlowTracking::Config>(),
+                                        make<Calyx::FlowTracking::Status>(),
+                                        make<Calyx::Dir>("mod-agent"),
+                                        make<Calyx::Interface::AllIntfStatusLocalDir>(),
+                                        make<Calyx::Interface::AllIntfStatusDir>(),
+                                        make<Calyx::HwFlowTracking::Capabilities>(),
+                                        make<Calyx::FlowTracking::ConfigReq>(),
+                                        make<Calyx::CalyxCentral::FeatureAgentCommonSmData>(),
+                                        make<Calyx::HwFlowTracking::Config>(),
+                                        make<Calyx::HwFlowTracking::Status>(),
+                                        make<Calyx::KernelNetInfo::Status>(),
+                                        Ptr<Calyx::TaskScheduler>(&loop_->scheduler())};
+  // What an earlier run left of the tracker status is loaded before the manager looks at it.
+  statusStore_ = std::make_unique<Calyx::HwFlowTracking::StatusStore>(mounts_.hwStatus);
+  configApply(config_, mounts_);
+  host_ = std::make_unique<MirrorOnDrop::FeatureHost>(plugin_->tableAs<MirrorOnDrop::PluginTable>(), mounts_);
+  if (!plugin_->tableAs<MirrorOnDrop::PluginTable>().adapterSmFactory) {
+    say("the plug-in has no exact-match adapter: exact-match entries are requested but not installed");
+  }
+  say(std::string("started: feature ") + (host_->featureOn() ? "on" : "off") + ", state directory " +
+      config_.stateDir + (config_.replaying() ? ", replaying " + config_.replay : ""));
+  return true;
+}
+
+int Agent::run() {
+  if (!start()) return 1;
+  if (loop_->isSimulated()) {
+    runVirtual();
+  } else {
+    loop_->run();
+  }
+  summary();
+  host_.reset();
+  return 0;
+}
+
+void Agent::runVirtual() {
+  Calyx::MonotonicClock wall;
+  nextProgress_ = wall.now() + kProgressEvery;
+  while (!loop_->isStopped()) {
+    loop_->runFor(kVirtualStep);
+    bool const drained = host_->reportStatus()->entryCount() == 0 && host_->emtConfig()->entryCount() == 0;
+    if (replayDone() && drained) break;
+    if (!host_->featureOn() && loop_->nextTimerDue() == Calyx::kNever) {
+      say("the feature is off and nothing is left to do: ending the replay");
+      break;
+    }
+    if (wall.now() >= nextProgress_) {
+      progress();
+      nextProgress_ = wall.now() + kProgressEvery;
+    }
+  }
+}
+
+bool Agent::replayDone() const {
+  if (!config_.replaying()) return false;
+  auto const pam =
+      mounts_.allIntfStatusLocalDir->pamCollection()->intfPam(Calyx::IntfId(config_.replayInterface));
+  auto const* replay = dynamic_cast<Calyx::PcapReplayPam const*>(pam.get());
+  return replay && replay->isDone();
+}
+
+void Agent::progress() {
+  auto const& x = *host_->holder()->exchanger();
+  std::ostringstream os;
+  os << "replaying: " << x.counterReceivedPacket() << " frames, " << host_->reportStatus()->entryCount()
+     << " live flows, " << x.counterSentStartReport() << " START and " << x.counterSentStopReport()
+     << " STOP reports sent";
+  say(os.str());
+}
+
+void Agent::summary() const {
+  auto const& x = *host_->holder()->exchanger();
+  uint64_t bytes = 0;
+  std::ostringstream collectors;
+  auto const read = plugin_->tableAs<MirrorOnDrop::PluginTable>().collectorCountersRead;
+  for (auto const& c : read(*host_->collectorStatus())) {
+    bytes += c.bytes;
+    collectors << (collectors.tellp() > 0 ? ", " : "") << c.exporter << "/" << c.collector << " " << c.bytes;
+  }
+  std::ostringstream os;
+  os << "summary: frames received " << x.counterReceivedPacket() << ", processed "
+     << x.counterProcessedPacket() << ", rejected " << x.counterReceivedPacket() - x.counterProcessedPacket()
+     << "; flows " << x.counterSentStartReport() << "; reports START " << x.counterSentStartReport()
+     << ", STOP " << x.counterSentStopReport() << "; collector bytes " << bytes;
+  if (bytes > 0) os << " (" << collectors.str() << ")";
+  say(os.str());
+}
+
+void Agent::reload() {
+  AgentConfig fresh;
+  std::vector<std::string> errors;
+  if (!loader_ || !loader_(config_.file, fresh, errors)) {
+    say("reload of " + config_.file + " failed; the running configuration stays:");
+    for (auto const& e : errors) std::cerr << "  " << e << std::endl;
+    return;
+  }
+  if (fresh.stateDir != config_.stateDir) say("state_dir changes take effect at the next start");
+  fresh.stateDir = config_.stateDir;
+  if (fresh.replaying() != config_.replaying() || fresh.replayClock != config_.replayClock) {
+    say("switching between live capture and replay takes effect at the next start");
+    fresh.interfaces = config_.interfaces;
+    fresh.replay = config_.replay;
+    fresh.replayInterface = config_.replayInterface;
+    fresh.replayClock = config_.replayClock;
+  }
+  traceApply(fresh);
+  configApply(fresh, mounts_);
+  config_ = std::move(fresh);
+  say("reloaded " + config_.file + ": feature " + (host_->featureOn() ? "on" : "off"));
+}
+
+}  // namespace ModAgent

@@ -1,0 +1,15 @@
+#pragma once
+// Brings the platform entities the agent mounts for the feature in line with a configuration, through the
+// entities' own setters: what did not change is not touched, so a reload shows the feature only the real
+// transitions (a tracker renamed, an interval changed, a collector added or removed, support switched, an
+// interface added or removed). New trackers and exporters enter fully built, and before anything leaves, so
+// that a renamed tracker is replaced rather than first removed.
+
+#include "agent/AgentConfig.h"
+#include "agent/FeatureHost.h"
+
+namespace ModAgent {
+
+void configApply(AgentConfig const& config, MirrorOnDrop::FeatureMounts const& mounts);
+
+}  // namespace ModAgent
