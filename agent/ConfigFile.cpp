@@ -258,6 +258,7 @@ void flowTrackingRead(Reader& r, toml::table const& t, std::string const& path, 
 void documentRead(Reader& r, toml::table const& doc, AgentConfig& c) {
   toml::node const* captureAt = nullptr;
   bool clockGiven = false;
+  bool replayIntfGiven = false;
   r.keys(
       doc, "",
       Handlers{
@@ -326,6 +327,7 @@ void documentRead(Reader& r, toml::table const& doc, AgentConfig& c) {
                       }},
                      {"replay_interface",
                       [&](auto const& v, auto const& kk) {
+                        replayIntfGiven = true;
                         if (auto s = r.intfName(v, kk)) c.replayInterface = *s;
                       }},
                      {"replay_clock", [&](auto const& v, auto const& kk) {
@@ -348,11 +350,11 @@ void documentRead(Reader& r, toml::table const& doc, AgentConfig& c) {
              if (!c.interfaces.empty() && !c.replay.empty()) {
                r.error(n, k, "give either interfaces (live capture) or replay (a capture file), not both");
              }
-             if (!c.replay.empty() && c.replayInterface.empty()) {
+             if (!c.replay.empty() && !replayIntfGiven) {
                r.error(n, k + ".replay_interface",
                        "missing: replay needs the interface its frames arrive on");
              }
-             if (c.replay.empty() && (clockGiven || !c.replayInterface.empty())) {
+             if (c.replay.empty() && (clockGiven || replayIntfGiven)) {
                r.error(n, k + ".replay", "missing: replay_interface and replay_clock go with replay");
              }
            }},

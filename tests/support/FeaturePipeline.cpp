@@ -91,9 +91,9 @@ Ptr<Calyx::FlowTracking::TrackerConfig> FeaturePipeline::trackerConfigure(std::s
 void FeaturePipeline::managerStart() {
   Ptr<Calyx::Task> task = holder->makeTask(ManagerSm::kTaskToggleFeatureOffName, 5);
   manager = managerSmFactory(config, configStatus, agentDir, hwConfig, capabilities, allIntfStatusDir,
-                             allIntfStatusDir, allIntfStatusDir, kniStatus, kniStatus, kniStatus, allIntfStatusDir,
-                             holder->scheduler(), hwConfig, hwStatus, emtConfig, reportStatus, task,
-                             holder->exchanger(), holder);
+                             allIntfStatusDir, allIntfStatusDir, kniStatus, kniStatus, kniStatus,
+                             allIntfStatusDir, holder->scheduler(), hwConfig, hwStatus, emtConfig,
+                             reportStatus, task, holder->exchanger(), holder);
   loop->runUntilIdle();
 }
 

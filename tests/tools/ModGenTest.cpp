@@ -18,6 +18,7 @@
 
 #include "platform/io/DropFrameBuilder.h"
 #include "tests/support/MirroredFrameReader.h"
+#include "tests/support/PcapRecords.h"
 
 using namespace Calyx;
 using Calyx::Test::readMirrored;
@@ -55,31 +56,6 @@ ToolRun modGen(std::string const& args) {
   return r;
 }
 
-struct Record {
-  uint32_t len = 0;
-  std::vector<uint8_t> bytes;
-};
-
-// The classic pcap format, little-endian as this machine writes it.
-std::vector<Record> readPcap(std::string const& path) {
-  std::ifstream in(path, std::ios::binary);
-  std::vector<uint8_t> const all((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
-  auto u32 = [&](size_t at) {
-    return uint32_t(all[at] | all[at + 1] << 8 | all[at + 2] << 16 | all[at + 3] << 24);
-  };
-  std::vector<Record> records;
-  if (all.size() < 24 || u32(0) != 0xa1b2c3d4 || u32(20) != 1) return records;  // Ethernet link type
-  for (size_t at = 24; at + 16 <= all.size();) {
-    uint32_t const caplen = u32(at + 8);
-    Record r;
-    r.len = u32(at + 12);
-    r.bytes.assign(all.begin() + long(at + 16), all.begin() + long(at + 16 + caplen));
-    records.push_back(std::move(r));
-    at += 16 + caplen;
-  }
-  return records;
-}
-
 class ModGenTest : public ::testing::Test {
  protected:
   ~ModGenTest() override {
@@ -99,7 +75,7 @@ TEST_F(ModGenTest, WritesFlowsTimesDropsWellFormedFramesCutLikeTheChip) {
   ToolRun const r = modGen("--out " + out + " --flows 20 --drops-per-flow 3 --seed 7");
   ASSERT_EQ(r.status, 0) << r.err;
   EXPECT_NE(r.err.find("60 frame(s)"), std::string::npos) << r.err;
-  auto const records = readPcap(out);
+  auto const records = Calyx::Test::pcapRecords(out);
   ASSERT_EQ(records.size(), 60u);
   std::map<std::tuple<IpGenAddr, IpGenAddr, uint8_t, uint16_t, uint16_t>, int> drops;
   size_t v6 = 0;
@@ -125,7 +101,7 @@ TEST_F(ModGenTest, OptionsShapeEveryFrame) {
   ToolRun const r = modGen("--out " + out +
                            " --flows 4 --family ipv6 --proto udp --vlan-tags 2 --size 100 --cut 82 --seed 1");
   ASSERT_EQ(r.status, 0) << r.err;
-  auto const records = readPcap(out);
+  auto const records = Calyx::Test::pcapRecords(out);
   ASSERT_EQ(records.size(), 4u);
   for (auto const& rec : records) {
     auto const d = readMirrored(rec.bytes);
@@ -144,7 +120,7 @@ TEST_F(ModGenTest, SameSeedSameFileOtherSeedOtherFile) {
   ASSERT_EQ(modGen("--out " + a + opts + "42").status, 0);
   ASSERT_EQ(modGen("--out " + b + opts + "42").status, 0);
   ASSERT_EQ(modGen("--out " + c + opts + "43").status, 0);
-  EXPECT_EQ(readPcap(a).size(), 10u + DropFrameBuilder::kMalformedKinds);
+  EXPECT_EQ(Calyx::Test::pcapRecords(a).size(), 10u + DropFrameBuilder::kMalformedKinds);
   EXPECT_EQ(slurp(a), slurp(b));
   EXPECT_NE(slurp(a), slurp(c));
 }

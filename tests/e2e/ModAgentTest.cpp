@@ -1,0 +1,317 @@
+// mod-agent as a user runs it: the real binaries (mod-gen, mod-agent), a capture replayed on the virtual or
+// the real clock, reports received on loopback by the test's own collectors (IPv4 and IPv6), the shared
+// tables read from the state directory afterwards.
+#include <gtest/gtest.h>
+#include <netinet/in.h>
+#include <signal.h>
+#include <stdlib.h>
+
+#include <algorithm>
+#include <filesystem>
+#include <fstream>
+#include <map>
+#include <set>
+#include <string>
+#include <vector>
+
+#include "mirror_on_drop/MirrorOnDropEmtCommon.h"
+#include "mirror_on_drop/MirrorOnDropReport.h"
+#include "platform/table/SharedTableReader.h"
+#include "tests/support/LoopbackReceiver.h"
+#include "tests/support/MirroredFrameReader.h"
+#include "tests/support/PcapRecords.h"
+#include "tests/support/Program.h"
+#include "tests/support/TempStateDir.h"
+
+using namespace Calyx;
+using Calyx::Test::Program;
+using Calyx::Test::programRun;
+using Bytes = std::vector<uint8_t>;
+
+namespace {
+
+struct Sent {
+  uint8_t type;
+  Bytes report;  // after the type byte
+};
+
+std::vector<Sent> decode(std::vector<Calyx::Test::Datagram> const& datagrams) {
+  std::vector<Sent> out;
+  for (auto const& d : datagrams) out.push_back({d.bytes.at(0), Bytes(d.bytes.begin() + 1, d.bytes.end())});
+  return out;
+}
+
+// The report the feature must store for a mirrored frame: the timestamp big-endian, a zero reason, the size
+// of the sample, and the sample: the dropped frame's MACs and everything from its own EtherType on, 80 bytes
+// at most.
+Bytes expectedReport(Bytes const& f) {
+  auto const read = Calyx::Test::readMirrored(f);
+  Bytes r;
+  for (int i = 7; i >= 0; --i) r.push_back(uint8_t(read.timestamp >> (8 * i)));
+  r.insert(r.end(), 16, 0);
+  Bytes sample(f.begin(), f.begin() + 12);
+  sample.insert(sample.end(), f.begin() + 24, f.end());
+  sample.resize(std::min<size_t>(sample.size(), 80));
+  r.push_back(uint8_t(sample.size()));
+  r.insert(r.end(), sample.begin(), sample.end());
+  return r;
+}
+
+class ModAgentTest : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    ASSERT_TRUE(rx4.bound() && rx6.bound());
+    char dir[] = "/tmp/mod-agent-test-XXXXXX";
+    ASSERT_TRUE(mkdtemp(dir));
+    work = dir;
+  }
+  void TearDown() override { std::filesystem::remove_all(work); }
+
+  std::string file(std::string const& name) const { return work + "/" + name; }
+  void capture(std::vector<std::string> args, std::string const& name = "drops.pcap") {
+    args.insert(args.begin(), {"--out", file(name)});
+    auto const r = programRun("mod-gen", args);
+    ASSERT_EQ(r.status, 0) << r.err;
+  }
+  // A configuration replaying the capture with the test's collectors; extra lines go into the tracker's
+  // table.
+  std::string config(std::string const& clock = "virtual", std::string const& tracker = "t1",
+                     std::string const& intervals = "active_interval = 1.0\ninactive_timeout = 5.0\n",
+                     std::string const& capture = "drops.pcap", bool support = true) const {
+    std::ostringstream c;
+    c << "[agent]\nstate_dir = \"" << state.path() << "\"\n"
+      << "[hardware]\nmirror_on_drop = " << (support ? "true" : "false") << "\n"
+      << "[capture]\nreplay = \"" << file(capture)
+      << "\"\nreplay_interface = \"Ethernet1\"\nreplay_clock = \"" << clock << "\"\n"
+      << "[flow_tracking]\nenabled = true\n"
+      << "[flow_tracking.trackers." << tracker << "]\n"
+      << intervals << "[flow_tracking.trackers." << tracker << ".exporters.e1]\n"
+      << "source_ipv4 = \"127.0.0.1\"\nsource_ipv6 = \"::1\"\ndscp = 46\n"
+      << "collectors = { c1 = \"127.0.0.1:" << rx4.port() << "\", c2 = \"[::1]:" << rx6.port() << "\" }\n"
+      << "[trace]\nlevels = \"MOD-Manager=0-4,*=0-1\"\n";
+    return c.str();
+  }
+  std::string write(std::string const& name, std::string const& text) const {
+    std::ofstream(file(name)) << text;
+    return file(name);
+  }
+
+  // Per report (keyed by its bytes), the types in the order they arrived.
+  static std::map<Bytes, std::string> byReport(std::vector<Sent> const& sent) {
+    std::map<Bytes, std::string> out;
+    for (auto const& s : sent) out[s.report] += s.type == 0 ? "S" : "P";
+    return out;
+  }
+
+  Calyx::Test::TempStateDir state;
+  Calyx::Test::LoopbackReceiver rx4{AF_INET};
+  Calyx::Test::LoopbackReceiver rx6{AF_INET6};
+  std::string work;
+};
+
+TEST_F(ModAgentTest, VirtualClockReplayReportsEveryFlowOnceStartThenStopTheSameEveryTime) {
+  capture({"--flows", "20", "--drops-per-flow", "3", "--seed", "9", "--malformed", "all", "--rate", "10"});
+  std::set<Bytes> expected;
+  std::set<std::tuple<IpGenAddr, IpGenAddr, uint8_t, uint16_t, uint16_t>> seen;
+  for (auto const& rec : Calyx::Test::pcapRecords(file("drops.pcap"))) {
+    auto const d = Calyx::Test::readMirrored(rec.bytes);
+    if (!d.rejection.empty()) continue;
+    if (seen.insert({d.flow.srcIp, d.flow.dstIp, d.flow.ipProto, d.flow.srcPort, d.flow.dstPort}).second)
+      expected.insert(expectedReport(rec.bytes));  // the first drop of each flow is what is stored
+  }
+  ASSERT_EQ(expected.size(), 20u);
+  std::string const conf = write("agent.toml", config());
+
+  std::vector<Sent> first;
+  for (int run = 0; run < 2; ++run) {
+    auto const r = programRun("mod-agent", {"--config", conf}, work);
+    ASSERT_EQ(r.status, 0) << r.err;
+    auto const sent4 = decode(rx4.drain());
+    auto const sent6 = decode(rx6.drain());
+    for (auto const* sent : {&sent4, &sent6}) {
+      auto const reports = byReport(*sent);
+      EXPECT_EQ(reports.size(), 20u);
+      for (auto const& [bytes, types] : reports) EXPECT_EQ(types, "SP");  // one START, then one STOP
+      std::set<Bytes> got;
+      for (auto const& [bytes, types] : reports) got.insert(bytes);
+      EXPECT_EQ(got, expected);
+    }
+    // The collectors' counters, as the agent's summary read them from their table, are what arrived.
+    uint64_t bytes4 = 0, bytes6 = 0;
+    for (auto const& s : sent4) bytes4 += s.report.size();
+    for (auto const& s : sent6) bytes6 += s.report.size();
+    EXPECT_NE(r.err.find("(e1/c1 " + std::to_string(bytes4) + ", e1/c2 " + std::to_string(bytes6) + ")"),
+              std::string::npos)
+        << r.err;
+    EXPECT_NE(r.err.find("reports START 20, STOP 20"), std::string::npos) << r.err;
+    // Nothing is left in the shared tables.
+    using ReportReader = SharedTableReader<MirrorOnDrop::Report::Key, MirrorOnDrop::Report::EntryStatus>;
+    using EmtReader = SharedTableReader<MirrorOnDrop::Emt::Key, MirrorOnDrop::Emt::EntryConfig>;
+    EXPECT_TRUE(ReportReader::forTable("reportStatus.entry", state.path()).snapshot().empty());
+    EXPECT_TRUE(EmtReader::forTable("emtConfig", state.path()).snapshot().empty());
+    if (run == 0) {
+      first = sent4;
+    } else {
+      ASSERT_EQ(sent4.size(), first.size());
+      for (size_t i = 0; i < first.size(); ++i) {
+        EXPECT_EQ(sent4[i].type, first[i].type);
+        EXPECT_EQ(sent4[i].report, first[i].report) << "report " << i << " differs between runs";
+      }
+    }
+  }
+}
+
+TEST_F(ModAgentTest, CheckConfigNamesFileLineAndKeyOfEveryKindOfError) {
+  std::string const good = config();
+  std::string const conf = write("good.toml", good);
+  auto const ok = programRun("mod-agent", {"--config", conf, "--check-config"});
+  EXPECT_EQ(ok.status, 0) << ok.err;
+  EXPECT_EQ(ok.out, "configuration OK\n");
+
+  // Each broken file: the good one with one change; the error is expected on the line holding `at`.
+  struct Case {
+    std::string from, to, at, expected;  // expected: "KEY: what was expected", after "FILE:LINE: "
+  };
+  std::string const port4 = "127.0.0.1:" + std::to_string(rx4.port());
+  std::string const exporter = "flow_tracking.trackers.t1.exporters.e1.";
+  std::string const longName(129, 'x');
+  std::vector<Case> const cases = {
+      {"dscp = 46", "dscp = 64", "dscp", exporter + "dscp: 64 is out of range (expected 0 to 63)"},
+      {"dscp = 46", "dscp = \"af41\"", "dscp", exporter + "dscp: expected a whole number from 0 to 63"},
+      {"dscp = 46", "dscp = 46\ncolour = 1", "colour", exporter + "colour: unknown key"},
+      {"enabled = true", "enabled = \"yes\"", "enabled", "flow_tracking.enabled: expected true or false"},
+      {"\"127.0.0.1\"\n", "\"127.0.0.300\"\n", "source_ipv4",
+       exporter + "source_ipv4: \"127.0.0.300\" is not an IPv4 address"},
+      {"\"::1\"\n", "\"10.0.0.1\"\n", "source_ipv6",
+       exporter + "source_ipv6: \"10.0.0.1\" is not an IPv6 address"},
+      {port4, "127.0.0.1:70000", "collectors",
+       exporter + "collectors.c1: port \"70000\" is out of range (expected 1 to 65535)"},
+      {port4, "localhost", "collectors",
+       exporter + "collectors.c1: expected \"A.B.C.D:PORT\" or \"[IPv6]:PORT\""},
+      {port4, "300.1.1.1:1", "collectors",
+       exporter + "collectors.c1: \"300.1.1.1\" is not an IPv4 or IPv6 address"},
+      {"active_interval = 1.0", "active_interval = 0", "active_interval",
+       "flow_tracking.trackers.t1.active_interval: expected a positive number of seconds"},
+      {"inactive_timeout = 5.0", "inactive_timeout = -5", "inactive_timeout",
+       "flow_tracking.trackers.t1.inactive_timeout: expected a positive number of seconds"},
+      {"[flow_tracking.trackers.t1]\n",
+       "[flow_tracking.trackers.t0]\nactive_interval = 1.0\ninactive_timeout = "
+       "1.0\n[flow_tracking.trackers.t1]\n",
+       "[flow_tracking.trackers.t1]",
+       "flow_tracking.trackers.t1: a second tracker: this hardware runs one tracker at a time"},
+      {"exporters.e1]", "exporters." + longName + "]", "exporters.x",
+       "flow_tracking.trackers.t1.exporters." + longName + ": names must be 1 to 128 bytes"},
+      {"\"virtual\"", "\"fast\"", "replay_clock", "capture.replay_clock: \"fast\" is not a replay clock"},
+      {"replay_interface = \"Ethernet1\"", "replay_interface = \"Ethernet 1\"", "replay_interface",
+       "capture.replay_interface: bad interface name \"Ethernet 1\""},
+      {"replay_interface = \"Ethernet1\"\n", "", "[capture]",
+       "capture.replay_interface: missing: replay needs the interface its frames arrive on"},
+      {"replay_interface", "interfaces = [\"eth1\"]\nreplay_interface", "[capture]",
+       "capture: give either interfaces (live capture) or replay (a capture file), not both"},
+      {"MOD-Manager=0-4,*=0-1", "MOD-Manager=0-9", "levels", "trace.levels: "},
+      {"[hardware]", "[hardwar]", "[hardwar]", "hardwar: unknown key"},
+      {"mirror_on_drop = true", "mirror_on_drop = ", "mirror_on_drop",
+       ""},  // TOML syntax: toml++'s own words
+  };
+  ASSERT_GE(cases.size(), 15u);
+  for (size_t i = 0; i < cases.size(); ++i) {
+    std::string text = good;
+    auto const from = text.find(cases[i].from);
+    ASSERT_NE(from, std::string::npos) << cases[i].from;
+    text.replace(from, cases[i].from.size(), cases[i].to);
+    auto const at = text.find(cases[i].at);
+    ASSERT_NE(at, std::string::npos) << cases[i].at;
+    std::string const line = std::to_string(1 + std::count(text.begin(), text.begin() + long(at), '\n'));
+    std::string const f = write("bad" + std::to_string(i) + ".toml", text);
+    auto const r = programRun("mod-agent", {"--config", f, "--check-config"});
+    EXPECT_EQ(r.status, 2) << f;
+    std::string const expected = f + ":" + line + ": " + cases[i].expected;
+    EXPECT_NE(r.err.find(expected), std::string::npos)
+        << "case " << i << ": expected \"" << expected << "\" in:\n"
+        << r.err;
+  }
+}
+
+// A live agent on the real clock, reconfigured by SIGHUP: each change reaches the feature as a transition.
+TEST_F(ModAgentTest, ReloadAppliesOnlyTheDifferencesAndKeepsTheRunningConfigurationOnError) {
+  capture({"--flows", "4", "--drops-per-flow", "1", "--seed", "3"});
+  std::string const intervals = "active_interval = 0.2\ninactive_timeout = 0.5\n";
+  std::string const conf = write("agent.toml", config("max", "t1", intervals));
+  Program agent("mod-agent", {"--config", conf}, work);
+  ASSERT_TRUE(agent.waitForErr("started: feature on", 10)) << agent.err();
+  ASSERT_TRUE(agent.waitForErr("Turning ON", 5));
+
+  write("agent.toml", config("max", "t2", intervals));  // the tracker renamed: the feature stays on
+  agent.signal(SIGHUP);
+  ASSERT_TRUE(agent.waitForErr("Adjusting config transition: old tracker = 't1', new tracker = 't2'.", 5))
+      << agent.err();
+  write("agent.toml", config("max", "t2", "active_interval = 0.3\ninactive_timeout = 0.5\n"));
+  agent.signal(SIGHUP);
+  ASSERT_TRUE(agent.waitForErr("Updating intervals: active = 0.3s, inactive = 0.5s.", 5)) << agent.err();
+  write("agent.toml", config("max", "t2", intervals, "drops.pcap", false));
+  agent.signal(SIGHUP);
+  ASSERT_TRUE(
+      agent.waitForErr("Turning OFF Mirror-On-Drop feature: tracker = 't2', hardware support = FALSE.", 5));
+  ASSERT_TRUE(agent.waitForErr("reloaded", 5));
+  write("agent.toml", config("max", "t2", intervals));
+  agent.signal(SIGHUP);
+  ASSERT_TRUE(
+      agent.waitForErr("Turning ON Mirror-On-Drop feature: tracker = 't2', hardware support = TRUE.", 5));
+  write("agent.toml", "[agent]\nstate_dir = 3\n");
+  agent.signal(SIGHUP);
+  ASSERT_TRUE(agent.waitForErr("failed; the running configuration stays", 5)) << agent.err();
+  EXPECT_NE(agent.err().find(conf + ":2: agent.state_dir: expected a string"), std::string::npos)
+      << agent.err();
+  agent.signal(SIGTERM);
+  EXPECT_EQ(agent.wait(10), 0);
+  EXPECT_NE(agent.err().find("summary: "), std::string::npos);
+}
+
+// kill -9 with flows live: the next agent on the same state directory stops them, and starts none again.
+TEST_F(ModAgentTest, AfterAKillTheNextAgentStopsTheFlowsTheFirstLeft) {
+  capture({"--flows", "6", "--drops-per-flow", "1", "--seed", "4", "--family", "ipv4"});
+  {
+    std::ofstream empty(file("empty.pcap"), std::ios::binary);
+    uint32_t const header[6] = {0xa1b2c3d4, 0x00040002, 0, 0, 65535, 1};
+    empty.write(reinterpret_cast<char const*>(header), sizeof header);
+  }
+  Program first("mod-agent",
+                {"--config",
+                 write("first.toml", config("max", "t1", "active_interval = 0.2\ninactive_timeout = 60\n"))},
+                work);
+  std::map<Bytes, std::string> seen;
+  for (int i = 0; i < 300 && seen.size() < 6; ++i) {
+    for (auto const& [bytes, types] : byReport(decode(rx4.drain()))) seen[bytes] += types;
+    usleep(10000);
+  }
+  ASSERT_EQ(seen.size(), 6u) << first.err();
+  // A second agent on the same state directory is refused while the first lives.
+  auto const refused = programRun("mod-agent", {"--config", file("first.toml")}, work, 10);
+  EXPECT_EQ(refused.status, 1);
+  EXPECT_NE(refused.err.find("is in use by another mod-agent (pid " + std::to_string(first.pid()) + ")"),
+            std::string::npos)
+      << refused.err;
+  first.signal(SIGKILL);
+  EXPECT_EQ(first.wait(10), 128 + SIGKILL);
+
+  Program second(
+      "mod-agent",
+      {"--config", write("second.toml", config("max", "t1", "active_interval = 0.2\ninactive_timeout = 0.3\n",
+                                               "empty.pcap"))},
+      work);
+  std::map<Bytes, std::string> after;
+  for (int i = 0; i < 300 && after.size() < 6; ++i) {
+    for (auto const& [bytes, types] : byReport(decode(rx4.drain()))) after[bytes] += types;
+    usleep(10000);
+  }
+  second.signal(SIGTERM);
+  EXPECT_EQ(second.wait(10), 0) << second.err();
+  for (auto const& [bytes, types] : byReport(decode(rx4.drain()))) after[bytes] += types;
+  ASSERT_EQ(after.size(), 6u) << second.err();
+  for (auto const& [bytes, types] : after) {
+    EXPECT_EQ(types, "P");  // a STOP, and no START
+    EXPECT_TRUE(seen.count(bytes));
+  }
+}
+
+}  // namespace
