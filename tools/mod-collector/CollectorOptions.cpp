@@ -2,8 +2,10 @@
 
 #include <arpa/inet.h>
 
+#include <CLI/CLI.hpp>
+#include <iostream>
+
 #include <charconv>
-#include <cmath>
 #include <cstring>
 
 namespace ModCollector {
@@ -14,20 +16,6 @@ std::optional<uint16_t> parsePort(std::string const& s) {
   auto [end, ec] = std::from_chars(s.data(), s.data() + s.size(), v);
   if (ec != std::errc() || end != s.data() + s.size() || s.empty() || v > 65535) return std::nullopt;
   return static_cast<uint16_t>(v);
-}
-
-std::optional<uint64_t> parseCount(std::string const& s) {
-  uint64_t v = 0;
-  auto [end, ec] = std::from_chars(s.data(), s.data() + s.size(), v);
-  if (ec != std::errc() || end != s.data() + s.size() || s.empty() || v == 0) return std::nullopt;
-  return v;
-}
-
-std::optional<double> parseSeconds(std::string const& s) {
-  char* end = nullptr;
-  double const v = std::strtod(s.c_str(), &end);
-  if (s.empty() || *end != '\0' || !std::isfinite(v) || v <= 0) return std::nullopt;
-  return v;
 }
 
 }  // namespace
@@ -69,75 +57,40 @@ std::string endpointText(sockaddr_storage const& addr) {
   return std::string(buf) + ":" + std::to_string(ntohs(sin.sin_port));
 }
 
-std::optional<CollectorOptions> parseOptions(int argc, char** argv, std::string& error) {
-  CollectorOptions o;
-  for (int i = 1; i < argc; ++i) {
-    std::string const arg = argv[i];
-    if (arg == "--help" || arg == "-h") {
-      o.help = true;
-      return o;
-    }
-    if (arg == "--json") {
-      o.json = true;
-      continue;
-    }
-    if (arg != "--listen" && arg != "--count" && arg != "--duration") {
-      error = "unknown option '" + arg + "'";
-      return std::nullopt;
-    }
-    if (i + 1 >= argc) {
-      error = arg + " needs a value";
-      return std::nullopt;
-    }
-    std::string const value = argv[++i];
-    if (arg == "--listen") {
-      auto addr = parseListenAddr(value);
-      if (!addr) {
-        error = "--listen: bad address '" + value + "' (expected ADDR:PORT or [V6ADDR]:PORT)";
-        return std::nullopt;
-      }
-      o.listen.push_back(*addr);
-    } else if (arg == "--count") {
-      auto n = parseCount(value);
-      if (!n) {
-        error = "--count: expected a positive integer, got '" + value + "'";
-        return std::nullopt;
-      }
-      o.count = *n;
-    } else {
-      auto s = parseSeconds(value);
-      if (!s) {
-        error = "--duration: expected a positive number of seconds, got '" + value + "'";
-        return std::nullopt;
-      }
-      o.duration = *s;
-    }
+std::optional<int> parseOptions(int argc, char** argv, CollectorOptions& o) {
+  CLI::App app{
+      "mod-collector: receives Mirror-on-Drop report datagrams and prints one line per report on stdout.",
+      "mod-collector"};
+  app.footer(
+      "Datagrams that are not reports are counted and reported on stderr. SIGINT or SIGTERM stop the "
+      "collector; a\n"
+      "summary (reports by type and by flow, rejected datagrams by reason) goes to stderr.");
+  std::vector<std::string> listen;
+  app.add_option(
+         "--listen", listen,
+         "ADDR:PORT for IPv4 or [V6ADDR]:PORT for IPv6; repeatable. Port 0 picks a free port; every bound "
+         "address is printed on stderr as \"listening on ADDR:PORT\".")
+      ->required()
+      ->check([](std::string const& text) {
+        return parseListenAddr(text) ? std::string()
+                                     : "bad address '" + text + "' (expected ADDR:PORT or [V6ADDR]:PORT)";
+      });
+  app.add_flag(
+      "--json", o.json,
+      "print one JSON object per report: type, timestamp, reason, data_size, dst_mac, src_mac, ethertype "
+      "(number), vlans, flow {ip_proto, src_ip, dst_ip, src_port, dst_port} where the sample holds them, "
+      "and from.");
+  app.add_option("--count", o.count, "stop after N reports")->check(CLI::PositiveNumber);
+  app.add_option("--duration", o.duration, "stop after S seconds")->check(CLI::PositiveNumber);
+  try {
+    app.parse(argc, argv);
+  } catch (CLI::ParseError const& e) {
+    if (e.get_exit_code() == 0) return app.exit(e);
+    std::cerr << "mod-collector: " << e.what() << "\n(see mod-collector --help)" << std::endl;
+    return 2;
   }
-  if (o.listen.empty()) {
-    error = "at least one --listen ADDR:PORT is needed";
-    return std::nullopt;
-  }
-  return o;
-}
-
-char const* usageText() {
-  return "usage: mod-collector --listen ADDR:PORT [--listen [V6ADDR]:PORT ...] [--json] [--count N] "
-         "[--duration S]\n"
-         "\n"
-         "Receives Mirror-on-Drop report datagrams and prints one line per report on stdout.\n"
-         "\n"
-         "  --listen ADDR:PORT   listen on this IPv4 address, or [V6ADDR]:PORT for IPv6; repeatable.\n"
-         "                       Port 0 picks a free port; every bound address is printed on stderr\n"
-         "                       as \"listening on ADDR:PORT\".\n"
-         "  --json               print one JSON object per report: type, timestamp, reason, data_size,\n"
-         "                       dst_mac, src_mac, ethertype (number), vlans, flow {ip_proto, src_ip,\n"
-         "                       dst_ip, src_port, dst_port} where the sample holds them, and from.\n"
-         "  --count N            stop after N reports.\n"
-         "  --duration S         stop after S seconds.\n"
-         "  --help               show this text.\n"
-         "\n"
-         "Datagrams that are not reports are counted and reported on stderr. SIGINT or SIGTERM stop the\n"
-         "collector; a summary (reports by type and by flow, rejected datagrams by reason) goes to stderr.\n";
+  for (auto const& text : listen) o.listen.push_back(*parseListenAddr(text));
+  return std::nullopt;
 }
 
 }  // namespace ModCollector

@@ -1,5 +1,5 @@
 #pragma once
-// The command line of mod-collector:
+// The command line of mod-collector (CLI11):
 //   mod-collector --listen ADDR:PORT [--listen [V6ADDR]:PORT ...] [--json] [--count N] [--duration S]
 
 #include <netinet/in.h>
@@ -22,16 +22,14 @@ struct CollectorOptions {
   bool json = false;
   uint64_t count = 0;     // 0: no limit
   double duration = 0.0;  // 0: no limit
-  bool help = false;
 };
 
-// The options, or nothing with error set to a message for the user.
-std::optional<CollectorOptions> parseOptions(int argc, char** argv, std::string& error);
+// Parses the command line into o. Returns nullopt to go on, or the exit status: 0 after --help, 2 after a bad
+// argument (its message, naming the option, is on stderr).
+std::optional<int> parseOptions(int argc, char** argv, CollectorOptions& o);
 // "ADDR:PORT" or "[V6ADDR]:PORT"; nothing when it is neither.
 std::optional<ListenAddr> parseListenAddr(std::string const& text);
 // The inverse: "127.0.0.1:5000", "[::1]:5000".
 std::string endpointText(sockaddr_storage const& addr);
-
-char const* usageText();
 
 }  // namespace ModCollector

@@ -1,6 +1,7 @@
 #include "tools/mod-collector/ReportFormat.h"
 
 #include <cstdio>
+#include <nlohmann/json.hpp>
 
 namespace ModCollector {
 namespace {
@@ -23,12 +24,6 @@ std::string protoName(uint8_t p) {
   return "proto " + std::to_string(p);
 }
 
-// Addresses, MACs and the sender come from inet_ntop and our own formatting: they never hold characters that
-// JSON would need escaped.
-std::string quoted(std::string const& s) {
-  return "\"" + s + "\"";
-}
-
 std::string hostPort(std::string const& ip, uint16_t port) {
   bool const v6 = ip.find(':') != std::string::npos;
   return (v6 ? "[" + ip + "]" : ip) + ":" + std::to_string(port);
@@ -47,24 +42,28 @@ std::string flowText(SampleFlow const& f) {
 }
 
 std::string reportJson(Report const& r, std::string const& from) {
-  std::string s = "{\"type\":" + quoted(reportTypeName(r.type)) +
-                  ",\"timestamp\":" + std::to_string(r.timestamp) + ",\"reason\":" + quoted(reasonText(r)) +
-                  ",\"data_size\":" + std::to_string(r.dataSize);
+  nlohmann::ordered_json j;
+  j["type"] = reportTypeName(r.type);
+  j["timestamp"] = r.timestamp;
+  j["reason"] = reasonText(r);
+  j["data_size"] = r.dataSize;
   if (r.ethernet) {
     SampleEthernet const& e = *r.ethernet;
-    s += ",\"dst_mac\":" + quoted(macText(e.dstMac)) + ",\"src_mac\":" + quoted(macText(e.srcMac)) +
-         ",\"ethertype\":" + std::to_string(e.etherType) + ",\"vlans\":[";
-    for (size_t i = 0; i < e.vlans.size(); ++i) s += (i ? "," : "") + std::to_string(e.vlans[i]);
-    s += "]";
+    j["dst_mac"] = macText(e.dstMac);
+    j["src_mac"] = macText(e.srcMac);
+    j["ethertype"] = e.etherType;
+    j["vlans"] = e.vlans;
   }
   if (r.flow) {
     SampleFlow const& f = *r.flow;
-    s += ",\"flow\":{\"ip_proto\":" + std::to_string(f.ipProto) + ",\"src_ip\":" + quoted(f.srcIp) +
-         ",\"dst_ip\":" + quoted(f.dstIp) + ",\"src_port\":" + std::to_string(f.srcPort) +
-         ",\"dst_port\":" + std::to_string(f.dstPort) + "}";
+    j["flow"] = {{"ip_proto", f.ipProto},
+                 {"src_ip", f.srcIp},
+                 {"dst_ip", f.dstIp},
+                 {"src_port", f.srcPort},
+                 {"dst_port", f.dstPort}};
   }
-  s += ",\"from\":" + quoted(from) + "}";
-  return s;
+  j["from"] = from;
+  return j.dump();
 }
 
 std::string reportLine(Report const& r, std::string const& from) {

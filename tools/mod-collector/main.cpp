@@ -44,18 +44,10 @@ int run(ModCollector::CollectorOptions const& options) {
 }  // namespace
 
 int main(int argc, char** argv) {
-  std::string error;
-  auto options = ModCollector::parseOptions(argc, argv, error);
-  if (!options) {
-    std::fprintf(stderr, "mod-collector: %s\n%s", error.c_str(), ModCollector::usageText());
-    return 2;
-  }
-  if (options->help) {
-    std::fputs(ModCollector::usageText(), stdout);
-    return 0;
-  }
+  ModCollector::CollectorOptions options;
+  if (auto done = ModCollector::parseOptions(argc, argv, options)) return *done;
   try {
-    return run(*options);
+    return run(options);
   } catch (std::exception const& e) {
     std::fprintf(stderr, "mod-collector: %s\n", e.what());
     return 1;

@@ -1,6 +1,6 @@
 #pragma once
-// ModGenOptions: mod-gen's command line, parsed and checked. A bad argument is an error text that names the
-// option.
+// ModGenOptions: mod-gen's command line (CLI11), parsed and checked. A bad argument is a message that names
+// the option.
 
 #include <cstddef>
 #include <cstdint>
@@ -30,11 +30,10 @@ struct ModGenOptions {
   uint64_t malformedCount = 1;
   std::optional<uint64_t> seed;
   double startTime = 1700000000.0;
-  bool help = false;
 };
 
-// Parses argv (without the program name). On error returns nullopt and sets error.
-std::optional<ModGenOptions> modGenOptionsParse(std::vector<std::string> const& args, std::string& error);
-std::string modGenHelp();
+// Parses the command line into o. Returns nullopt to go on, or the exit status: 0 after --help, 2 after a bad
+// argument (its message, naming the option, is on stderr).
+std::optional<int> modGenOptionsParse(int argc, char** argv, ModGenOptions& o);
 
 }  // namespace ModGen

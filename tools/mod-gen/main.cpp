@@ -1,5 +1,4 @@
-// mod-gen: crafts mirrored drop frames into a pcap file or onto an interface. See ModGenOptions.cpp for the
-// options.
+// mod-gen: crafts mirrored drop frames into a pcap file or onto an interface. See --help.
 
 #include <chrono>
 #include <cstdio>
@@ -177,17 +176,8 @@ int run(ModGenOptions const& o, uint64_t seed) {
 }  // namespace
 
 int main(int argc, char** argv) {
-  std::vector<std::string> const args(argv + 1, argv + argc);
-  std::string error;
-  auto options = ModGen::modGenOptionsParse(args, error);
-  if (!options) {
-    std::fprintf(stderr, "mod-gen: %s\n", error.c_str());
-    return 2;
-  }
-  if (options->help) {
-    std::fputs(ModGen::modGenHelp().c_str(), stdout);
-    return 0;
-  }
-  uint64_t const seed = options->seed ? *options->seed : std::random_device()();
-  return run(*options, seed);
+  ModGenOptions options;
+  if (auto done = ModGen::modGenOptionsParse(argc, argv, options)) return *done;
+  uint64_t const seed = options.seed ? *options.seed : std::random_device()();
+  return run(options, seed);
 }
