@@ -19,6 +19,7 @@
 #include "platform/table/SharedTableReader.h"
 #include "tests/support/LoopbackReceiver.h"
 #include "tests/support/MirroredFrameReader.h"
+#include "tests/support/NetNs.h"
 #include "tests/support/PcapRecords.h"
 #include "tests/support/Program.h"
 #include "tests/support/TempStateDir.h"
@@ -312,6 +313,41 @@ TEST_F(ModAgentTest, AfterAKillTheNextAgentStopsTheFlowsTheFirstLeft) {
     EXPECT_EQ(types, "P");  // a STOP, and no START
     EXPECT_TRUE(seen.count(bytes));
   }
+}
+
+// Live capture: mod-gen sends on one end of a veth pair in a throw-away namespace, the agent captures on the
+// other and its reports reach a collector in the same namespace.
+TEST_F(ModAgentTest, LiveCaptureOnAVethPairReachesTheCollector) {
+  if (auto why = NetNs::unavailableReason(); !why.empty()) GTEST_SKIP() << why;
+  NetNs ns;
+  ASSERT_TRUE(ns.ok()) << "could not make namespace " << ns.name();
+  auto rx = ns.inside([] { return std::make_unique<Calyx::Test::LoopbackReceiver>(AF_INET); });
+  std::string text = config("max", "t1", "active_interval = 0.2\ninactive_timeout = 0.5\n");
+  auto const from = text.find("replay = ");
+  auto const to = text.find("[flow_tracking]");
+  text.replace(from, to - from, "interfaces = [\"" + ns.b() + "\"]\n");
+  text.replace(text.find(std::to_string(rx4.port())), std::to_string(rx4.port()).size(),
+               std::to_string(rx->port()));
+  Program agent(
+      "ip", {"netns", "exec", ns.name(), Program::path("mod-agent"), "--config", write("live.toml", text)},
+      work);
+  ASSERT_TRUE(agent.waitForErr("started: feature on", 10)) << agent.err();
+  usleep(500000);  // the capture opens on the agent's next loop turn
+  ASSERT_TRUE(ns.run(Program::path("mod-gen") + " --interface " + ns.a() +
+                     " --rate 0 --flows 5 --drops-per-flow 2 --seed 8 >/dev/null 2>&1"));
+  std::map<Bytes, std::string> got;
+  for (int i = 0; i < 500; ++i) {
+    for (auto const& [bytes, types] : byReport(decode(rx->drain()))) got[bytes] += types;
+    if (got.size() == 5 &&
+        std::all_of(got.begin(), got.end(), [](auto const& g) { return g.second == "SP"; }))
+      break;
+    usleep(10000);
+  }
+  EXPECT_EQ(got.size(), 5u) << agent.err();
+  for (auto const& [bytes, types] : got) EXPECT_EQ(types, "SP");
+  agent.signal(SIGTERM);
+  EXPECT_EQ(agent.wait(10), 0) << agent.err();
+  EXPECT_NE(agent.err().find("frames received 10, processed 10"), std::string::npos) << agent.err();
 }
 
 }  // namespace
