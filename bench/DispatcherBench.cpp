@@ -15,9 +15,9 @@
 #include <vector>
 
 #include "mirror_on_drop/MirrorOnDropDispatcherSm.h"
-#include "platform/io/DropFrameBuilder.h"
 #include "platform/io/InMemoryPam.h"
 #include "platform/types/PktManager.h"
+#include "tools/common/DropFrameBuilder.h"
 
 using namespace MirrorOnDrop;
 using namespace Calyx;

@@ -27,10 +27,10 @@
 #include <vector>
 
 #include "platform/core/EventLoop.h"
-#include "platform/io/DropFrameBuilder.h"
 #include "platform/io/LivePam.h"
 #include "platform/io/PcapFrameSender.h"
-#include "tests/support/NetNs.h"
+#include "testkit/NetNs.h"
+#include "tools/common/DropFrameBuilder.h"
 
 using namespace Calyx;
 
@@ -145,6 +145,7 @@ void BM_LivePamBesideTcpdump(benchmark::State& state) {
   auto pam = ns.inside([&] {
     LivePamOptions options;
     options.device = ns.b();
+    options.filter = "ether proto 0x1042";
     return make<LivePam>(*loop, wheel, IntfId("et1"), options);
   });
   PcapFrameSender sender;

@@ -8,9 +8,9 @@
 #include <vector>
 
 #include "mirror_on_drop/MirrorOnDropReceiverSm.h"
-#include "platform/io/DropFrameBuilder.h"
 #include "platform/types/Hash.h"
 #include "platform/types/PktManager.h"
+#include "tools/common/DropFrameBuilder.h"
 
 using namespace MirrorOnDrop;
 using namespace Calyx;

@@ -13,7 +13,7 @@
 
 #include "mirror_on_drop/MirrorOnDropSenderSm.h"
 #include "platform/core/EventLoop.h"
-#include "tests/support/TempStateDir.h"
+#include "testkit/TempStateDir.h"
 
 using namespace MirrorOnDrop;
 using namespace Calyx;

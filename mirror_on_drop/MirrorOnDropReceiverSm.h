@@ -19,7 +19,7 @@
 #include "platform/entity/CalyxCentralFeatureAgentCommonSmData.h"
 #include "platform/entity/InterfaceEthDevPamCollection.h"
 #include "platform/entity/InterfacePamDesiredIntfDir.h"
-#include "platform/io/Pam.h"
+#include "platform/entity/Pam.h"
 #include "platform/types/Pkt.h"
 
 namespace MirrorOnDrop {

@@ -11,7 +11,7 @@
 
 #include "platform/core/Entity.h"
 #include "platform/core/KeyedCollection.h"
-#include "platform/io/Pam.h"
+#include "platform/entity/Pam.h"
 #include "platform/types/IntfId.h"
 
 namespace Calyx::Interface {

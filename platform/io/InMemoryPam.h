@@ -6,7 +6,7 @@
 
 #include <vector>
 
-#include "platform/io/Pam.h"
+#include "platform/entity/Pam.h"
 
 namespace Calyx {
 

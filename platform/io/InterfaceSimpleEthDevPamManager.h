@@ -28,7 +28,7 @@
 #include "platform/entity/InterfaceAllIntfStatusDir.h"
 #include "platform/entity/InterfaceEthDevPamCollection.h"
 #include "platform/entity/InterfacePamDesiredIntfDir.h"
-#include "platform/io/Pam.h"
+#include "platform/entity/Pam.h"
 
 namespace Calyx::Interface {
 
@@ -98,7 +98,7 @@ class SimpleEthDevPamManager : public Object {
   std::unique_ptr<IntfStatusReactor> intfStatusReactor_;
   std::unique_ptr<SyncReactor> syncReactor_;
 
-  std::string socketFilter_ = "ether proto 0x1042";
+  std::string socketFilter_;  // pcap filter syntax, given by the reader of the modules; empty: every frame
   uint32_t readLimit_ = kDefaultReadLimit;
   bool bulkRead_ = true;
   double retryInterval_ = 5.0;

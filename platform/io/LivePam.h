@@ -21,18 +21,17 @@
 
 #include "platform/core/EventLoop.h"
 #include "platform/core/TimerWheel.h"
-#include "platform/io/Pam.h"
+#include "platform/entity/Pam.h"
 
 struct pcap;
 
 namespace Calyx {
 
 struct LivePamOptions {
-  std::string device;  // the kernel's interface name; empty: the IntfId's name
-  std::string filter =
-      "ether proto 0x1042";  // socket filter program, in pcap filter syntax; empty: no filter
-  uint32_t readLimit = 64;   // frames taken per readable event
-  bool bulkRead = true;      // false: one frame per readable event
+  std::string device;       // the kernel's interface name; empty: the IntfId's name
+  std::string filter;       // socket filter program, in pcap filter syntax; empty: no filter
+  uint32_t readLimit = 64;  // frames taken per readable event
+  bool bulkRead = true;     // false: one frame per readable event
   bool promiscuous = true;
   // The kernel ring holds bufferBytes / (snapLength + overhead) frames. Mirrored frames are cut short by the
   // chip, so a small snap length buys a deep ring.

@@ -17,7 +17,7 @@
 #include "platform/core/EventLoop.h"
 #include "platform/core/Task.h"
 #include "platform/core/TimerWheel.h"
-#include "platform/io/Pam.h"
+#include "platform/entity/Pam.h"
 
 struct pcap;
 
@@ -26,9 +26,9 @@ namespace Calyx {
 struct PcapReplayOptions {
   std::string file;
   bool recordedPace = false;
-  std::string filter = "ether proto 0x1042";  // empty: every frame of the file
-  uint32_t readLimit = 64;                    // frames taken per loop turn
-  double retryInterval = 5.0;                 // seconds
+  std::string filter;          // pcap filter syntax; empty: every frame of the file
+  uint32_t readLimit = 64;     // frames taken per loop turn
+  double retryInterval = 5.0;  // seconds
 };
 
 class PcapReplayPam final : public Pam {

@@ -15,7 +15,7 @@ void sharedTableCorruptionStop(SharedTableCorruption const& c) {
 std::string sharedTableDefaultStateDir() {
   char const* dir = std::getenv("CALYX_STATE_DIR");
   if (dir && *dir) return dir;
-  return "/dev/shm/mirror-on-drop";
+  return "/dev/shm/calyx";
 }
 
 std::string sharedTablePath(std::string const& stateDir, std::string const& name) {

@@ -3,7 +3,7 @@
 // corruption.
 //
 // The state directory holds one segment file per table, named by the table. It defaults to $CALYX_STATE_DIR,
-// else /dev/shm/mirror-on-drop (tmpfs, so a MAP_SHARED mapping of the file is real shared memory that
+// else /dev/shm/calyx (tmpfs, so a MAP_SHARED mapping of the file is real shared memory that
 // outlives the process until the machine reboots).
 
 #include <cstddef>
@@ -26,7 +26,8 @@ using SharedTableCorruptionHandler = std::function<void(SharedTableCorruption co
 
 [[noreturn]] void sharedTableCorruptionStop(SharedTableCorruption const& c);
 
-// $CALYX_STATE_DIR when set and not empty, else /dev/shm/mirror-on-drop.
+// $CALYX_STATE_DIR when set and not empty, else /dev/shm/calyx. An agent names its own (mod-agent:
+// the state_dir of its configuration).
 std::string sharedTableDefaultStateDir();
 
 struct SharedTableOptions {

@@ -7,7 +7,7 @@
 #include "agent/FeatureHost.h"
 #include "platform/core/EventLoop.h"
 #include "platform/io/PluginLibrary.h"
-#include "tests/support/TempStateDir.h"
+#include "testkit/TempStateDir.h"
 
 using namespace MirrorOnDrop;
 using namespace Calyx;

@@ -10,7 +10,7 @@
 #include "mirror_on_drop/MirrorOnDropReceiverSm.h"
 #include "platform/core/EventLoop.h"
 #include "platform/io/InterfaceSimpleEthDevPamManager.h"
-#include "tests/support/NetNs.h"
+#include "testkit/NetNs.h"
 
 using namespace MirrorOnDrop;
 using namespace Calyx;
@@ -47,6 +47,7 @@ TEST(LiveReceptionTest, FramesSentOnOneEndAreReceivedAndParsedOnTheOther) {
   auto desired = make<Interface::PamDesiredIntfDir>();
   auto collection = make<Interface::EthDevPamCollection>();
   auto manager = make<Interface::SimpleEthDevPamManager>(*loop, desired, collection);
+  manager->socketFilterIs(ReceiverSm::socketFilter());
   manager->enabledIs(true);
   auto exchanger = make<Exchanger>();
   Dispatcher dispatcher(exchanger);

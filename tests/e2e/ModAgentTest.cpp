@@ -17,12 +17,12 @@
 #include "mirror_on_drop/MirrorOnDropEmtCommon.h"
 #include "mirror_on_drop/MirrorOnDropReport.h"
 #include "platform/table/SharedTableReader.h"
+#include "testkit/NetNs.h"
+#include "testkit/TempStateDir.h"
 #include "tests/support/LoopbackReceiver.h"
 #include "tests/support/MirroredFrameReader.h"
-#include "tests/support/NetNs.h"
 #include "tests/support/PcapRecords.h"
 #include "tests/support/Program.h"
-#include "tests/support/TempStateDir.h"
 
 using namespace Calyx;
 using Calyx::Test::Program;

@@ -8,7 +8,7 @@
 #include "mirror_on_drop/MirrorOnDropCollector.h"
 #include "mirror_on_drop/MirrorOnDropEmtCommon.h"
 #include "mirror_on_drop/MirrorOnDropReport.h"
-#include "tests/support/TempStateDir.h"
+#include "testkit/TempStateDir.h"
 
 using namespace MirrorOnDrop;
 using Calyx::IntfId;

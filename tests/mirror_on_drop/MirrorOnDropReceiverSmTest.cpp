@@ -8,11 +8,11 @@
 #include <vector>
 
 #include "mirror_on_drop/MirrorOnDropReceiverSm.h"
-#include "platform/io/DropFrameBuilder.h"
 #include "platform/io/InMemoryPam.h"
 #include "platform/types/IpHeader.h"
 #include "platform/types/PktManager.h"
 #include "tests/support/TraceCapture.h"
+#include "tools/common/DropFrameBuilder.h"
 
 using namespace MirrorOnDrop;
 using namespace Calyx;

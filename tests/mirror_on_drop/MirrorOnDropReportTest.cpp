@@ -10,7 +10,7 @@
 #include <stdexcept>
 
 #include "mirror_on_drop/MirrorOnDropReport.h"
-#include "tests/support/TempStateDir.h"
+#include "testkit/TempStateDir.h"
 
 using namespace MirrorOnDrop;
 using namespace MirrorOnDrop::Report;

@@ -10,8 +10,8 @@
 #include "mirror_on_drop/MirrorOnDropSenderSm.h"
 #include "platform/core/EventLoop.h"
 #include "platform/core/RingTrace.h"
+#include "testkit/TempStateDir.h"
 #include "tests/support/LoopbackReceiver.h"
-#include "tests/support/TempStateDir.h"
 #include "tests/support/TraceCapture.h"
 
 using namespace MirrorOnDrop;

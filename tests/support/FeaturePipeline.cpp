@@ -4,9 +4,9 @@
 
 #include <cstring>
 
-#include "platform/io/DropFrameBuilder.h"
 #include "platform/io/InMemoryPam.h"
 #include "platform/types/PktManager.h"
+#include "tools/common/DropFrameBuilder.h"
 
 namespace MirrorOnDrop::Test {
 

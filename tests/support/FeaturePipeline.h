@@ -25,8 +25,8 @@
 #include "mirror_on_drop/MirrorOnDropMountHolder.h"
 #include "platform/core/EventLoop.h"
 #include "platform/entity/HwFlowTrackingExporterConfig.h"
+#include "testkit/TempStateDir.h"
 #include "tests/support/LoopbackReceiver.h"
-#include "tests/support/TempStateDir.h"
 
 namespace MirrorOnDrop::Test {
 

@@ -8,9 +8,9 @@
 #include <string>
 #include <vector>
 
-#include "platform/io/DropFrameBuilder.h"
 #include "platform/types/ByteOrder.h"
 #include "platform/types/IpHeader.h"
+#include "tools/common/DropFrameBuilder.h"
 
 namespace Calyx::Test {
 

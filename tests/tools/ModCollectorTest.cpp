@@ -16,10 +16,10 @@
 #include <string>
 #include <vector>
 
-#include "platform/io/DropFrameBuilder.h"
 #include "platform/io/UdpPam.h"
 #include "platform/types/PktManager.h"
 #include "tests/support/LoopbackReceiver.h"
+#include "tools/common/DropFrameBuilder.h"
 
 extern char** environ;
 

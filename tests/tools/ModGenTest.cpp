@@ -16,9 +16,9 @@
 #include <tuple>
 #include <vector>
 
-#include "platform/io/DropFrameBuilder.h"
 #include "tests/support/MirroredFrameReader.h"
 #include "tests/support/PcapRecords.h"
+#include "tools/common/DropFrameBuilder.h"
 
 using namespace Calyx;
 using Calyx::Test::readMirrored;

@@ -8,7 +8,7 @@
 #include <string>
 #include <vector>
 
-#include "platform/io/DropFrameBuilder.h"
+#include "tools/common/DropFrameBuilder.h"
 
 namespace ModGen {
 

@@ -10,9 +10,9 @@
 #include <vector>
 
 #include "ModGenOptions.h"
-#include "platform/io/DropFrameBuilder.h"
 #include "platform/io/PcapFileWriter.h"
 #include "platform/io/PcapFrameSender.h"
+#include "tools/common/DropFrameBuilder.h"
 
 namespace {
 

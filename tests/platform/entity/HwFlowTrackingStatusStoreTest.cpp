@@ -3,7 +3,7 @@
 #include <gtest/gtest.h>
 
 #include "platform/entity/HwFlowTrackingStatusStore.h"
-#include "tests/support/TempStateDir.h"
+#include "testkit/TempStateDir.h"
 
 using namespace Calyx;
 using namespace Calyx::HwFlowTracking;

@@ -14,7 +14,7 @@
 
 #include "platform/core/TraceSink.h"
 #include "platform/io/PamTrace.h"
-#include "tests/support/NetNs.h"
+#include "testkit/NetNs.h"
 #include "tests/support/TraceCapture.h"
 
 using namespace Calyx;
@@ -51,6 +51,7 @@ class LivePamOnVethTest : public ::testing::Test {
     pam = ns->inside([&] {
       LivePamOptions options;
       options.device = ns->b();
+      options.filter = "ether proto 0x1042";
       return make<LivePam>(*loop, wheel, IntfId("et1"), options);
     });
     ASSERT_TRUE(pam->isCapturing()) << pam->lastError();

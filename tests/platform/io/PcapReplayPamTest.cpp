@@ -11,10 +11,10 @@
 #include <vector>
 
 #include "platform/core/TraceSink.h"
-#include "platform/io/DropFrameBuilder.h"
 #include "platform/io/PamTrace.h"
 #include "platform/io/PcapFileWriter.h"
 #include "tests/support/TraceCapture.h"
+#include "tools/common/DropFrameBuilder.h"
 
 using namespace Calyx;
 
@@ -67,6 +67,7 @@ class PcapReplayPamTest : public ::testing::Test {
     options.file = path;
     options.recordedPace = recordedPace;
     options.readLimit = readLimit;
+    options.filter = "ether proto 0x1042";
     return make<PcapReplayPam>(*loop, wheel, IntfId("et1"), options);
   }
 

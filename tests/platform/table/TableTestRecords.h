@@ -7,7 +7,7 @@
 #include <functional>
 #include <string>
 
-#include "tests/support/TempStateDir.h"
+#include "testkit/TempStateDir.h"
 
 namespace Calyx::TableTest {
 

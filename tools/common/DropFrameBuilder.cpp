@@ -1,4 +1,4 @@
-#include "platform/io/DropFrameBuilder.h"
+#include "tools/common/DropFrameBuilder.h"
 
 #include <algorithm>
 

@@ -1,7 +1,7 @@
 // Crafted mirrored frames, read back by the independent test reader: well-formed frames yield their flow,
 // each malformed kind fails exactly at the check it is named after.
 
-#include "platform/io/DropFrameBuilder.h"
+#include "tools/common/DropFrameBuilder.h"
 
 #include <gtest/gtest.h>
 

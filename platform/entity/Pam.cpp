@@ -1,4 +1,4 @@
-#include "platform/io/Pam.h"
+#include "platform/entity/Pam.h"
 
 #include <algorithm>
 #include <limits>
