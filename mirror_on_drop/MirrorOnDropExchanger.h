@@ -17,7 +17,7 @@
 #include "mirror_on_drop/MirrorOnDropEmtCommon.h"
 #include "mirror_on_drop/MirrorOnDropReport.h"
 #include "mirror_on_drop/MirrorOnDropType.h"
-#include "platform/core/Entity.h"
+#include "platform/core/Attribute.h"
 
 namespace MirrorOnDrop {
 
@@ -47,16 +47,16 @@ class Exchanger : public Calyx::Object, public Calyx::Notifier<Exchanger> {
   bool isStopReport() const { return isStopReport_; }
   // Store, and notify only when the value changes.
   void isTogglingFeatureOffIs(bool v) {
-    flagIs(isTogglingFeatureOff_, v, &Reactor::handleIsTogglingFeatureOff);
+    attributeIs(isTogglingFeatureOff_, v, &Reactor::handleIsTogglingFeatureOff);
   }
-  void isTrackerChangedIs(bool v) { flagIs(isTrackerChanged_, v, &Reactor::handleIsTrackerChanged); }
+  void isTrackerChangedIs(bool v) { attributeIs(isTrackerChanged_, v, &Reactor::handleIsTrackerChanged); }
   void isInactiveIntervalUpdatedIs(bool v) {
-    flagIs(isInactiveIntervalUpdated_, v, &Reactor::handleIsInactiveIntervalUpdated);
+    attributeIs(isInactiveIntervalUpdated_, v, &Reactor::handleIsInactiveIntervalUpdated);
   }
   void isToggleFeatureOffReadyIs(bool v) {
-    flagIs(isToggleFeatureOffReady_, v, &Reactor::handleIsToggleFeatureOffReady);
+    attributeIs(isToggleFeatureOffReady_, v, &Reactor::handleIsToggleFeatureOffReady);
   }
-  void isStopReportIs(bool v) { flagIs(isStopReport_, v, &Reactor::handleIsStopReport); }
+  void isStopReportIs(bool v) { attributeIs(isStopReport_, v, &Reactor::handleIsStopReport); }
   // Plain stores, bypassing the setters: nobody is notified.
   void isTogglingFeatureOffStore(bool v) { isTogglingFeatureOff_ = v; }
   void isToggleFeatureOffReadyStore(bool v) { isToggleFeatureOffReady_ = v; }
@@ -91,55 +91,39 @@ class Exchanger : public Calyx::Object, public Calyx::Notifier<Exchanger> {
   uint64_t counterReceivedPacketInc(uint64_t n) { return counterReceivedPacket_ += n; }
   uint64_t counterProcessedPacket() const { return counterProcessedPacket_; }
   void counterProcessedPacketIs(uint64_t v) {
-    counterIs(counterProcessedPacket_, v, &Reactor::handleCounterProcessedPacket);
+    attributeIs(counterProcessedPacket_, v, &Reactor::handleCounterProcessedPacket);
   }
   uint64_t counterProcessedPacketInc(uint64_t n) {
-    return counterIs(counterProcessedPacket_, counterProcessedPacket_ + n,
-                     &Reactor::handleCounterProcessedPacket);
+    return counterInc(counterProcessedPacket_, n, &Reactor::handleCounterProcessedPacket);
   }
   uint64_t counterSentStartReport() const { return counterSentStartReport_; }
   void counterSentStartReportIs(uint64_t v) {
-    counterIs(counterSentStartReport_, v, &Reactor::handleCounterSentStartReport);
+    attributeIs(counterSentStartReport_, v, &Reactor::handleCounterSentStartReport);
   }
   uint64_t counterSentStartReportInc(uint64_t n) {
-    return counterIs(counterSentStartReport_, counterSentStartReport_ + n,
-                     &Reactor::handleCounterSentStartReport);
+    return counterInc(counterSentStartReport_, n, &Reactor::handleCounterSentStartReport);
   }
   uint64_t counterSentStopReport() const { return counterSentStopReport_; }
   void counterSentStopReportIs(uint64_t v) {
-    counterIs(counterSentStopReport_, v, &Reactor::handleCounterSentStopReport);
+    attributeIs(counterSentStopReport_, v, &Reactor::handleCounterSentStopReport);
   }
   uint64_t counterSentStopReportInc(uint64_t n) {
-    return counterIs(counterSentStopReport_, counterSentStopReport_ + n,
-                     &Reactor::handleCounterSentStopReport);
+    return counterInc(counterSentStopReport_, n, &Reactor::handleCounterSentStopReport);
   }
 
   // --- the time the sender's report timer fires next (seconds on the timer wheel's clock) ---
   double timerReportTimeMin() const { return timerReportTimeMin_; }
   void timerReportTimeMinIs(double t) {
-    if (t == timerReportTimeMin_) return;
-    timerReportTimeMin_ = t;
-    notify(&Reactor::handleTimerReportTimeMin);
+    attributeIs(timerReportTimeMin_, t, &Reactor::handleTimerReportTimeMin);
   }
 
  private:
   using Handler = void (Reactor::*)();
 
-  void flagIs(bool& flag, bool v, Handler handler) {
-    if (flag == v) return;
-    flag = v;
-    notify(handler);
-  }
   // The pulse: every writer of a one-shot flag comes through here.
   void pulse(bool& flag, Handler handler) {
     flag = false;
-    flagIs(flag, true, handler);
-  }
-  uint64_t counterIs(uint64_t& counter, uint64_t v, Handler handler) {
-    if (counter == v) return v;
-    counter = v;
-    notify(handler);
-    return v;
+    attributeIs(flag, true, handler);
   }
 
   bool isTogglingFeatureOff_ = false;

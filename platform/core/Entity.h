@@ -16,6 +16,7 @@
 // The framework does not call handlers on attach: a state machine calls its reactors' handlers once, right
 // after creating them.
 
+#include <cstdint>
 #include <utility>
 
 #include "platform/core/Ptr.h"
@@ -25,6 +26,8 @@ namespace Calyx {
 
 template <class Entity>
 class ReactorBase;
+template <class E, class K, class V>
+class Collection;
 
 template <class Entity>
 class Notifier {
@@ -32,6 +35,25 @@ class Notifier {
   ReactorList<ReactorBase<Entity>>& reactorList() const { return reactors_; }
 
  protected:
+  template <class, class, class>
+  friend class Collection;
+
+  // Stores v and notifies only when it differs from what was stored.
+  template <class T, class Handler>
+  void attributeIs(T& field, T const& v, Handler handler) {
+    if (field == v) return;
+    field = v;
+    notify(handler);
+  }
+  // Adds n modulo 2^64, notifies only when the sum differs, and returns it.
+  template <class Handler>
+  uint64_t counterInc(uint64_t& field, uint64_t n, Handler handler) {
+    if (n == 0) return field;
+    field += n;
+    notify(handler);
+    return field;
+  }
+
   // Calls (reactor.*handler)(args...) on every attached reactor.
   template <class Handler, class... Args>
   void notify(Handler handler, Args const&... args) const {

@@ -6,11 +6,7 @@
 // The interface collection is a set keyed by IntfId: intfIs(intf) adds, intfDel(intf) removes, intf(intf)
 // tells whether it is in. Reactors hear handleIntf(intf) for every key that was added or removed.
 
-#include <cstddef>
-#include <optional>
-
-#include "platform/core/Entity.h"
-#include "platform/core/KeyedCollection.h"
+#include "platform/core/Attribute.h"
 #include "platform/types/IntfId.h"
 
 namespace Calyx::CalyxCentral {
@@ -23,18 +19,16 @@ class FeatureAgentCommonSmData : public Object, public Notifier<FeatureAgentComm
     virtual void handleIntf(IntfId const& /*intfId*/) {}
   };
 
-  bool intf(IntfId const& intfId) const { return intf_.contains(intfId); }
+  bool intf(IntfId const& intfId) const { return intf_.has(intfId); }
   size_t intfCount() const { return intf_.count(); }
-  // Ordered walk by interface name; next() stays valid across changes made during the walk.
   std::optional<IntfId> intfFirst() const { return intf_.first(); }
   std::optional<IntfId> intfNext(IntfId const& after) const { return intf_.next(after); }
-
-  void intfIs(IntfId const& intfId);
-  void intfDel(IntfId const& intfId);
-  void intfDelAll();
+  void intfIs(IntfId const& intfId) { intf_.is(*this, intfId, true); }
+  void intfDel(IntfId const& intfId) { intf_.del(*this, intfId); }
+  void intfDelAll() { intf_.delAll(*this); }
 
  private:
-  KeyedCollection<IntfId, bool> intf_;
+  Collection<FeatureAgentCommonSmData, IntfId, bool> intf_{&Reactor::handleIntf};
 };
 
 }  // namespace Calyx::CalyxCentral

@@ -3,11 +3,7 @@
 // own directory; a feature marks that it is running by the child named after it, which exists exactly while
 // the feature is on. Reactors hear handleEntry(name) when a child appears or goes away.
 
-#include <cstddef>
-#include <optional>
-
-#include "platform/core/Entity.h"
-#include "platform/core/KeyedCollection.h"
+#include "platform/core/Attribute.h"
 #include "platform/types/String.h"
 
 namespace Calyx {
@@ -21,23 +17,25 @@ class Dir : public Object, public Notifier<Dir> {
   };
 
   explicit Dir(String name) : name_(std::move(name)) {}
-
   String const& name() const { return name_; }
-  // The child of that name, or null.
-  Ptr<Dir> entry(String const& name) const;
+
+  // The child of that name, or null; ordered by name.
+  Ptr<Dir> entry(String const& name) const { return entry_.value(name); }
   size_t entryCount() const { return entry_.count(); }
   std::optional<String> entryFirst() const { return entry_.first(); }
   std::optional<String> entryNext(String const& after) const { return entry_.next(after); }
   // Makes the child (or returns the one there is).
-  Ptr<Dir> entryIs(String const& name);
-  void entryDel(String const& name);
+  Ptr<Dir> entryIs(String const& name) {
+    return entry_.findOrCreate(*this, name, [&] { return make<Dir>(name); });
+  }
+  void entryDel(String const& name) { entry_.del(*this, name); }
 
  protected:
   ~Dir() override = default;
 
  private:
   String name_;
-  KeyedCollection<String, Ptr<Dir>> entry_;
+  Collection<Dir, String, Ptr<Dir>> entry_{&Reactor::handleEntry};
 };
 
 }  // namespace Calyx

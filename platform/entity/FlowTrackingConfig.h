@@ -9,11 +9,7 @@
 // handleInactiveTimeout() and handleExporter(name) on a tracker; changes inside an exporter are heard on the
 // exporter.
 
-#include <cstddef>
-#include <optional>
-
-#include "platform/core/Entity.h"
-#include "platform/core/KeyedCollection.h"
+#include "platform/core/Attribute.h"
 #include "platform/entity/FlowTrackingActiveInterval.h"
 #include "platform/entity/FlowTrackingInactiveTimeout.h"
 #include "platform/entity/HwFlowTrackingExporterConfig.h"
@@ -36,18 +32,22 @@ class TrackerConfig : public Object, public Notifier<TrackerConfig> {
   String const& name() const { return name_; }
 
   ActiveInterval activeInterval() const { return activeInterval_; }
-  void activeIntervalIs(ActiveInterval v);
+  void activeIntervalIs(ActiveInterval v) { attributeIs(activeInterval_, v, &Reactor::handleActiveInterval); }
   InactiveTimeout inactiveTimeout() const { return inactiveTimeout_; }
-  void inactiveTimeoutIs(InactiveTimeout v);
+  void inactiveTimeoutIs(InactiveTimeout v) {
+    attributeIs(inactiveTimeout_, v, &Reactor::handleInactiveTimeout);
+  }
 
-  Ptr<ExporterConfig const> exporter(String const& name) const;
-  Ptr<ExporterConfig> exporter(String const& name);
+  Ptr<ExporterConfig const> exporter(String const& name) const { return exporter_.value(name); }
+  Ptr<ExporterConfig> exporter(String const& name) { return exporter_.value(name); }
   size_t exporterCount() const { return exporter_.count(); }
   std::optional<String> exporterFirst() const { return exporter_.first(); }
   std::optional<String> exporterNext(String const& after) const { return exporter_.next(after); }
   // A null exporter deletes the entry.
-  void exporterIs(String const& name, Ptr<ExporterConfig> exporter);
-  void exporterDel(String const& name);
+  void exporterIs(String const& name, Ptr<ExporterConfig> e) {
+    e ? void(exporter_.is(*this, name, std::move(e))) : exporterDel(name);
+  }
+  void exporterDel(String const& name) { exporter_.del(*this, name); }
 
  protected:
   ~TrackerConfig() override = default;
@@ -56,7 +56,7 @@ class TrackerConfig : public Object, public Notifier<TrackerConfig> {
   String name_;
   ActiveInterval activeInterval_;
   InactiveTimeout inactiveTimeout_;
-  KeyedCollection<String, Ptr<ExporterConfig>> exporter_;
+  Collection<TrackerConfig, String, Ptr<ExporterConfig>> exporter_{&Reactor::handleExporter};
 };
 
 class Config : public Object, public Notifier<Config> {
@@ -69,20 +69,22 @@ class Config : public Object, public Notifier<Config> {
   };
 
   bool enabled() const { return enabled_; }
-  void enabledIs(bool enabled);
+  void enabledIs(bool enabled) { attributeIs(enabled_, enabled, &Reactor::handleEnabled); }
 
-  Ptr<TrackerConfig const> tracker(String const& name) const;
-  Ptr<TrackerConfig> tracker(String const& name);
+  Ptr<TrackerConfig const> tracker(String const& name) const { return tracker_.value(name); }
+  Ptr<TrackerConfig> tracker(String const& name) { return tracker_.value(name); }
   size_t trackerCount() const { return tracker_.count(); }
   std::optional<String> trackerFirst() const { return tracker_.first(); }
   std::optional<String> trackerNext(String const& after) const { return tracker_.next(after); }
   // A null tracker deletes the entry.
-  void trackerIs(String const& name, Ptr<TrackerConfig> tracker);
-  void trackerDel(String const& name);
+  void trackerIs(String const& name, Ptr<TrackerConfig> t) {
+    t ? void(tracker_.is(*this, name, std::move(t))) : trackerDel(name);
+  }
+  void trackerDel(String const& name) { tracker_.del(*this, name); }
 
  private:
   bool enabled_ = false;
-  KeyedCollection<String, Ptr<TrackerConfig>> tracker_;
+  Collection<Config, String, Ptr<TrackerConfig>> tracker_{&Reactor::handleTracker};
 };
 
 }  // namespace Calyx::FlowTracking

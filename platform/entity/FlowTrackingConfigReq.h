@@ -3,7 +3,7 @@
 // clear-counter request. Reactors hear handleClearCounterReq() each time the request value changes; a
 // repeated request differs by its time, so it is heard again.
 
-#include "platform/core/Entity.h"
+#include "platform/core/Attribute.h"
 #include "platform/entity/FlowTrackingClearCounterReq.h"
 
 namespace Calyx::FlowTracking {
@@ -18,9 +18,7 @@ class ConfigReq : public Object, public Notifier<ConfigReq> {
 
   ClearCounterReq const& clearCounterReq() const { return clearCounterReq_; }
   void clearCounterReqIs(ClearCounterReq const& req) {
-    if (req == clearCounterReq_) return;
-    clearCounterReq_ = req;
-    notify(&Reactor::handleClearCounterReq);
+    attributeIs(clearCounterReq_, req, &Reactor::handleClearCounterReq);
   }
 
  private:

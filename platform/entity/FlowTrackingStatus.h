@@ -4,11 +4,7 @@
 // flow-tracking configuration base. Reactors hear handleTracker(name) when a tracker's entry appears, changes
 // or goes away.
 
-#include <cstddef>
-#include <optional>
-
-#include "platform/core/Entity.h"
-#include "platform/core/KeyedCollection.h"
+#include "platform/core/Attribute.h"
 #include "platform/types/String.h"
 
 namespace Calyx::FlowTracking {
@@ -22,22 +18,15 @@ class Status : public Object, public Notifier<Status> {
   };
 
   // True when the hardware runs the tracker; nullopt when it is not configured.
-  std::optional<bool> trackerInHardware(String const& name) const {
-    bool const* v = tracker_.find(name);
-    return v ? std::optional<bool>(*v) : std::nullopt;
-  }
+  std::optional<bool> trackerInHardware(String const& name) const { return tracker_.get(name); }
   size_t trackerCount() const { return tracker_.count(); }
   std::optional<String> trackerFirst() const { return tracker_.first(); }
   std::optional<String> trackerNext(String const& after) const { return tracker_.next(after); }
-  void trackerIs(String const& name, bool inHardware) {
-    if (tracker_.is(name, inHardware)) notify(&Reactor::handleTracker, name);
-  }
-  void trackerDel(String const& name) {
-    if (tracker_.del(name)) notify(&Reactor::handleTracker, name);
-  }
+  void trackerIs(String const& name, bool inHardware) { tracker_.is(*this, name, inHardware); }
+  void trackerDel(String const& name) { tracker_.del(*this, name); }
 
  private:
-  KeyedCollection<String, bool> tracker_;
+  Collection<Status, String, bool> tracker_{&Reactor::handleTracker};
 };
 
 }  // namespace Calyx::FlowTracking

@@ -3,7 +3,7 @@
 // mirrors its dropped packets to the CPU (mirrorOnDropSupported). Reactors hear handleMirrorOnDropSupported()
 // when it changes.
 
-#include "platform/core/Entity.h"
+#include "platform/core/Attribute.h"
 
 namespace Calyx::HwFlowTracking {
 
@@ -16,10 +16,8 @@ class Capabilities : public Object, public Notifier<Capabilities> {
   };
 
   bool mirrorOnDropSupported() const { return mirrorOnDropSupported_; }
-  void mirrorOnDropSupportedIs(bool supported) {
-    if (supported == mirrorOnDropSupported_) return;
-    mirrorOnDropSupported_ = supported;
-    notify(&Reactor::handleMirrorOnDropSupported);
+  void mirrorOnDropSupportedIs(bool v) {
+    attributeIs(mirrorOnDropSupported_, v, &Reactor::handleMirrorOnDropSupported);
   }
 
  private:

@@ -3,11 +3,7 @@
 // tracker name. Reactors hear handleHwFtConfig(name) for every tracker that appeared, was replaced by another
 // object or went away; changes inside a tracker are heard on the tracker (FtConfig::Reactor).
 
-#include <cstddef>
-#include <optional>
-
-#include "platform/core/Entity.h"
-#include "platform/core/KeyedCollection.h"
+#include "platform/core/Attribute.h"
 #include "platform/entity/HwFlowTrackingFtConfig.h"
 #include "platform/types/String.h"
 
@@ -21,20 +17,21 @@ class Config : public Object, public Notifier<Config> {
     virtual void handleHwFtConfig(String const& /*name*/) {}
   };
 
-  // The tracker of that name, or null. Ordered walk by name; next() stays valid across changes made during
-  // the walk.
-  Ptr<FtConfig const> hwFtConfig(String const& name) const;
-  Ptr<FtConfig> hwFtConfig(String const& name);
+  // The tracker of that name, or null. Ordered walk by name.
+  Ptr<FtConfig const> hwFtConfig(String const& name) const { return hwFtConfig_.value(name); }
+  Ptr<FtConfig> hwFtConfig(String const& name) { return hwFtConfig_.value(name); }
   size_t hwFtConfigCount() const { return hwFtConfig_.count(); }
   std::optional<String> hwFtConfigFirst() const { return hwFtConfig_.first(); }
   std::optional<String> hwFtConfigNext(String const& after) const { return hwFtConfig_.next(after); }
   // A null tracker deletes the entry.
-  void hwFtConfigIs(String const& name, Ptr<FtConfig> tracker);
-  void hwFtConfigDel(String const& name);
-  void hwFtConfigDelAll();
+  void hwFtConfigIs(String const& name, Ptr<FtConfig> tracker) {
+    tracker ? void(hwFtConfig_.is(*this, name, std::move(tracker))) : hwFtConfigDel(name);
+  }
+  void hwFtConfigDel(String const& name) { hwFtConfig_.del(*this, name); }
+  void hwFtConfigDelAll() { hwFtConfig_.delAll(*this); }
 
  private:
-  KeyedCollection<String, Ptr<FtConfig>> hwFtConfig_;
+  Collection<Config, String, Ptr<FtConfig>> hwFtConfig_{&Reactor::handleHwFtConfig};
 };
 
 }  // namespace Calyx::HwFlowTracking

@@ -8,11 +8,7 @@
 // handleCollectorIpAndPort(name) / handleCollectorIp6AndPort(name) for every collector that appeared, changed
 // or went away. An all-zero source address means "let the host choose".
 
-#include <cstddef>
-#include <optional>
-
-#include "platform/core/Entity.h"
-#include "platform/core/KeyedCollection.h"
+#include "platform/core/Attribute.h"
 #include "platform/entity/HwFlowTrackingIpAndPort.h"
 #include "platform/types/DscpValue.h"
 #include "platform/types/IpGenAddr.h"
@@ -33,37 +29,44 @@ class ExporterConfig : public Object, public Notifier<ExporterConfig> {
   };
 
   explicit ExporterConfig(String name) : name_(std::move(name)) {}
-
   String const& name() const { return name_; }
 
   Ip4Addr srcIpAddr() const { return srcIpAddr_; }
-  void srcIpAddrIs(Ip4Addr a);
+  void srcIpAddrIs(Ip4Addr a) { attributeIs(srcIpAddr_, a, &Reactor::handleSrcIpAddr); }
   Ip6Addr const& srcIp6Addr() const { return srcIp6Addr_; }
-  void srcIp6AddrIs(Ip6Addr const& a);
+  void srcIp6AddrIs(Ip6Addr const& a) { attributeIs(srcIp6Addr_, a, &Reactor::handleSrcIp6Addr); }
   DscpValue dscp() const { return dscp_; }
-  void dscpIs(DscpValue d);
+  void dscpIs(DscpValue d) { attributeIs(dscp_, d, &Reactor::handleDscp); }
 
-  // IPv4 collectors. Ordered walk by name; next() stays valid across changes made during the walk.
-  std::optional<IpAndPort> collectorIpAndPort(String const& name) const;
+  // IPv4 collectors, ordered by name.
+  std::optional<IpAndPort> collectorIpAndPort(String const& name) const {
+    return collectorIpAndPort_.get(name);
+  }
   size_t collectorIpAndPortCount() const { return collectorIpAndPort_.count(); }
   std::optional<String> collectorIpAndPortFirst() const { return collectorIpAndPort_.first(); }
   std::optional<String> collectorIpAndPortNext(String const& after) const {
     return collectorIpAndPort_.next(after);
   }
-  void collectorIpAndPortIs(String const& name, IpAndPort const& collector);
-  void collectorIpAndPortDel(String const& name);
-  void collectorIpAndPortDelAll();
+  void collectorIpAndPortIs(String const& name, IpAndPort const& c) {
+    collectorIpAndPort_.is(*this, name, c);
+  }
+  void collectorIpAndPortDel(String const& name) { collectorIpAndPort_.del(*this, name); }
+  void collectorIpAndPortDelAll() { collectorIpAndPort_.delAll(*this); }
 
   // IPv6 collectors, the same way.
-  std::optional<IpAndPort> collectorIp6AndPort(String const& name) const;
+  std::optional<IpAndPort> collectorIp6AndPort(String const& name) const {
+    return collectorIp6AndPort_.get(name);
+  }
   size_t collectorIp6AndPortCount() const { return collectorIp6AndPort_.count(); }
   std::optional<String> collectorIp6AndPortFirst() const { return collectorIp6AndPort_.first(); }
   std::optional<String> collectorIp6AndPortNext(String const& after) const {
     return collectorIp6AndPort_.next(after);
   }
-  void collectorIp6AndPortIs(String const& name, IpAndPort const& collector);
-  void collectorIp6AndPortDel(String const& name);
-  void collectorIp6AndPortDelAll();
+  void collectorIp6AndPortIs(String const& name, IpAndPort const& c) {
+    collectorIp6AndPort_.is(*this, name, c);
+  }
+  void collectorIp6AndPortDel(String const& name) { collectorIp6AndPort_.del(*this, name); }
+  void collectorIp6AndPortDelAll() { collectorIp6AndPort_.delAll(*this); }
 
  protected:
   ~ExporterConfig() override = default;
@@ -73,8 +76,8 @@ class ExporterConfig : public Object, public Notifier<ExporterConfig> {
   Ip4Addr srcIpAddr_;
   Ip6Addr srcIp6Addr_;
   DscpValue dscp_;
-  KeyedCollection<String, IpAndPort> collectorIpAndPort_;
-  KeyedCollection<String, IpAndPort> collectorIp6AndPort_;
+  Collection<ExporterConfig, String, IpAndPort> collectorIpAndPort_{&Reactor::handleCollectorIpAndPort};
+  Collection<ExporterConfig, String, IpAndPort> collectorIp6AndPort_{&Reactor::handleCollectorIp6AndPort};
 };
 
 }  // namespace Calyx::HwFlowTracking

@@ -6,11 +6,7 @@
 // handleExpConfig(name) for every exporter that appeared, was replaced by another object or went away.
 // Changes inside an exporter are heard on the exporter itself (ExporterConfig::Reactor).
 
-#include <cstddef>
-#include <optional>
-
-#include "platform/core/Entity.h"
-#include "platform/core/KeyedCollection.h"
+#include "platform/core/Attribute.h"
 #include "platform/entity/FlowTrackingActiveInterval.h"
 #include "platform/entity/FlowTrackingInactiveTimeout.h"
 #include "platform/entity/HwFlowTrackingExporterConfig.h"
@@ -29,25 +25,29 @@ class FtConfig : public Object, public Notifier<FtConfig> {
   };
 
   explicit FtConfig(String name) : name_(std::move(name)) {}
-
   String const& name() const { return name_; }
 
   FlowTracking::ActiveInterval activeInterval() const { return activeInterval_; }
-  void activeIntervalIs(FlowTracking::ActiveInterval v);
+  void activeIntervalIs(FlowTracking::ActiveInterval v) {
+    attributeIs(activeInterval_, v, &Reactor::handleActiveInterval);
+  }
   FlowTracking::InactiveTimeout inactiveTimeout() const { return inactiveTimeout_; }
-  void inactiveTimeoutIs(FlowTracking::InactiveTimeout v);
+  void inactiveTimeoutIs(FlowTracking::InactiveTimeout v) {
+    attributeIs(inactiveTimeout_, v, &Reactor::handleInactiveTimeout);
+  }
 
-  // The exporter of that name, or null. Ordered walk by name; next() stays valid across changes made during
-  // the walk.
-  Ptr<ExporterConfig const> expConfig(String const& name) const;
-  Ptr<ExporterConfig> expConfig(String const& name);
+  // The exporter of that name, or null; ordered by name.
+  Ptr<ExporterConfig const> expConfig(String const& name) const { return expConfig_.value(name); }
+  Ptr<ExporterConfig> expConfig(String const& name) { return expConfig_.value(name); }
   size_t expConfigCount() const { return expConfig_.count(); }
   std::optional<String> expConfigFirst() const { return expConfig_.first(); }
   std::optional<String> expConfigNext(String const& after) const { return expConfig_.next(after); }
   // A null exporter deletes the entry.
-  void expConfigIs(String const& name, Ptr<ExporterConfig> exporter);
-  void expConfigDel(String const& name);
-  void expConfigDelAll();
+  void expConfigIs(String const& name, Ptr<ExporterConfig> e) {
+    e ? void(expConfig_.is(*this, name, std::move(e))) : expConfigDel(name);
+  }
+  void expConfigDel(String const& name) { expConfig_.del(*this, name); }
+  void expConfigDelAll() { expConfig_.delAll(*this); }
 
  protected:
   ~FtConfig() override = default;
@@ -56,7 +56,7 @@ class FtConfig : public Object, public Notifier<FtConfig> {
   String name_;
   FlowTracking::ActiveInterval activeInterval_;
   FlowTracking::InactiveTimeout inactiveTimeout_;
-  KeyedCollection<String, Ptr<ExporterConfig>> expConfig_;
+  Collection<FtConfig, String, Ptr<ExporterConfig>> expConfig_{&Reactor::handleExpConfig};
 };
 
 }  // namespace Calyx::HwFlowTracking

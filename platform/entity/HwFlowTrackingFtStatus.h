@@ -2,7 +2,7 @@
 // HwFlowTracking::FtStatus: the status of the active hardware flow tracker: the report intervals in force.
 // Reactors hear handleActiveInterval() and handleInactiveTimeout() when those change.
 
-#include "platform/core/Entity.h"
+#include "platform/core/Attribute.h"
 #include "platform/entity/FlowTrackingActiveInterval.h"
 #include "platform/entity/FlowTrackingInactiveTimeout.h"
 #include "platform/types/String.h"
@@ -19,20 +19,15 @@ class FtStatus : public Object, public Notifier<FtStatus> {
   };
 
   explicit FtStatus(String name) : name_(std::move(name)) {}
-
   String const& name() const { return name_; }
 
   FlowTracking::ActiveInterval activeInterval() const { return activeInterval_; }
   void activeIntervalIs(FlowTracking::ActiveInterval v) {
-    if (v == activeInterval_) return;
-    activeInterval_ = v;
-    notify(&Reactor::handleActiveInterval);
+    attributeIs(activeInterval_, v, &Reactor::handleActiveInterval);
   }
   FlowTracking::InactiveTimeout inactiveTimeout() const { return inactiveTimeout_; }
   void inactiveTimeoutIs(FlowTracking::InactiveTimeout v) {
-    if (v == inactiveTimeout_) return;
-    inactiveTimeout_ = v;
-    notify(&Reactor::handleInactiveTimeout);
+    attributeIs(inactiveTimeout_, v, &Reactor::handleInactiveTimeout);
   }
 
  protected:

@@ -3,11 +3,7 @@
 // tracker name. hwFtStatusIs(name) creates the tracker's status or returns the one there is; reactors hear
 // handleHwFtStatus(name) when a status is created or deleted (changes inside one are heard on it).
 
-#include <cstddef>
-#include <optional>
-
-#include "platform/core/Entity.h"
-#include "platform/core/KeyedCollection.h"
+#include "platform/core/Attribute.h"
 #include "platform/entity/HwFlowTrackingFtStatus.h"
 #include "platform/types/String.h"
 
@@ -21,20 +17,21 @@ class Status : public Object, public Notifier<Status> {
     virtual void handleHwFtStatus(String const& /*name*/) {}
   };
 
-  // The tracker's status, or null. Ordered walk by name; next() stays valid across changes made during the
-  // walk.
-  Ptr<FtStatus const> hwFtStatus(String const& name) const;
-  Ptr<FtStatus> hwFtStatus(String const& name);
+  // The tracker's status, or null; ordered by name.
+  Ptr<FtStatus const> hwFtStatus(String const& name) const { return hwFtStatus_.value(name); }
+  Ptr<FtStatus> hwFtStatus(String const& name) { return hwFtStatus_.value(name); }
   size_t hwFtStatusCount() const { return hwFtStatus_.count(); }
   std::optional<String> hwFtStatusFirst() const { return hwFtStatus_.first(); }
   std::optional<String> hwFtStatusNext(String const& after) const { return hwFtStatus_.next(after); }
   // Creates the status named so (default intervals) or returns the existing one.
-  Ptr<FtStatus> hwFtStatusIs(String const& name);
-  void hwFtStatusDel(String const& name);
-  void hwFtStatusDelAll();
+  Ptr<FtStatus> hwFtStatusIs(String const& name) {
+    return hwFtStatus_.findOrCreate(*this, name, [&] { return make<FtStatus>(name); });
+  }
+  void hwFtStatusDel(String const& name) { hwFtStatus_.del(*this, name); }
+  void hwFtStatusDelAll() { hwFtStatus_.delAll(*this); }
 
  private:
-  KeyedCollection<String, Ptr<FtStatus>> hwFtStatus_;
+  Collection<Status, String, Ptr<FtStatus>> hwFtStatus_{&Reactor::handleHwFtStatus};
 };
 
 }  // namespace Calyx::HwFlowTracking

@@ -4,11 +4,7 @@
 // an interface's module from its backend, and only while the interface is up. Reactors hear
 // handleIntfStatus(intf) for every interface whose status appeared, changed or went away.
 
-#include <cstddef>
-#include <optional>
-
-#include "platform/core/Entity.h"
-#include "platform/core/KeyedCollection.h"
+#include "platform/core/Attribute.h"
 #include "platform/entity/InterfacePamBackend.h"
 #include "platform/types/IntfId.h"
 
@@ -28,16 +24,16 @@ class AllIntfStatusDir : public Object, public Notifier<AllIntfStatusDir> {
     virtual void handleIntfStatus(IntfId const& /*intfId*/) {}
   };
 
-  std::optional<IntfStatus> intfStatus(IntfId const& intfId) const;
+  std::optional<IntfStatus> intfStatus(IntfId const& intfId) const { return intfStatus_.get(intfId); }
   size_t intfStatusCount() const { return intfStatus_.count(); }
   std::optional<IntfId> intfStatusFirst() const { return intfStatus_.first(); }
   std::optional<IntfId> intfStatusNext(IntfId const& after) const { return intfStatus_.next(after); }
-  void intfStatusIs(IntfId const& intfId, IntfStatus const& status);
-  void intfStatusDel(IntfId const& intfId);
-  void intfStatusDelAll();
+  void intfStatusIs(IntfId const& intfId, IntfStatus const& status) { intfStatus_.is(*this, intfId, status); }
+  void intfStatusDel(IntfId const& intfId) { intfStatus_.del(*this, intfId); }
+  void intfStatusDelAll() { intfStatus_.delAll(*this); }
 
  private:
-  KeyedCollection<IntfId, IntfStatus> intfStatus_;
+  Collection<AllIntfStatusDir, IntfId, IntfStatus> intfStatus_{&Reactor::handleIntfStatus};
 };
 
 }  // namespace Calyx::Interface

@@ -6,11 +6,7 @@
 // with intfPam(intf), which is null once it is gone. A reader keeps its own Ptr to a module as long as it
 // reads it.
 
-#include <cstddef>
-#include <optional>
-
-#include "platform/core/Entity.h"
-#include "platform/core/KeyedCollection.h"
+#include "platform/core/Attribute.h"
 #include "platform/entity/Pam.h"
 #include "platform/types/IntfId.h"
 
@@ -25,18 +21,19 @@ class EthDevPamCollection : public Object, public Notifier<EthDevPamCollection> 
   };
 
   // The interface's module, or null.
-  Ptr<Pam const> intfPam(IntfId const& intfId) const;
+  Ptr<Pam const> intfPam(IntfId const& intfId) const { return intfPam_.value(intfId); }
   size_t intfPamCount() const { return intfPam_.count(); }
   std::optional<IntfId> intfPamFirst() const { return intfPam_.first(); }
   std::optional<IntfId> intfPamNext(IntfId const& after) const { return intfPam_.next(after); }
-
   // A null module deletes the entry.
-  void intfPamIs(IntfId const& intfId, Ptr<Pam const> pam);
-  void intfPamDel(IntfId const& intfId);
-  void intfPamDelAll();
+  void intfPamIs(IntfId const& intfId, Ptr<Pam const> pam) {
+    pam ? void(intfPam_.is(*this, intfId, std::move(pam))) : intfPamDel(intfId);
+  }
+  void intfPamDel(IntfId const& intfId) { intfPam_.del(*this, intfId); }
+  void intfPamDelAll() { intfPam_.delAll(*this); }
 
  private:
-  KeyedCollection<IntfId, Ptr<Pam const>> intfPam_;
+  Collection<EthDevPamCollection, IntfId, Ptr<Pam const>> intfPam_{&Reactor::handleIntfPam};
 };
 
 }  // namespace Calyx::Interface

@@ -6,11 +6,7 @@
 // or deleted, withdraws the wish. Reactors hear handleIntfDesired(intf) for every key whose entry appeared,
 // changed or went away.
 
-#include <cstddef>
-#include <optional>
-
-#include "platform/core/Entity.h"
-#include "platform/core/KeyedCollection.h"
+#include "platform/core/Attribute.h"
 #include "platform/types/IntfId.h"
 
 namespace Calyx::Interface {
@@ -24,19 +20,17 @@ class PamDesiredIntfDir : public Object, public Notifier<PamDesiredIntfDir> {
   };
 
   // True when the entry exists and is set.
-  bool intfDesired(IntfId const& intfId) const;
-  bool intfDesiredHas(IntfId const& intfId) const { return intfDesired_.contains(intfId); }
+  bool intfDesired(IntfId const& intfId) const { return intfDesired_.value(intfId); }
+  bool intfDesiredHas(IntfId const& intfId) const { return intfDesired_.has(intfId); }
   size_t intfDesiredCount() const { return intfDesired_.count(); }
-  // Ordered walk by interface name; next() stays valid across changes made during the walk.
   std::optional<IntfId> intfDesiredFirst() const { return intfDesired_.first(); }
   std::optional<IntfId> intfDesiredNext(IntfId const& after) const { return intfDesired_.next(after); }
-
-  void intfDesiredIs(IntfId const& intfId, bool desired);
-  void intfDesiredDel(IntfId const& intfId);
-  void intfDesiredDelAll();
+  void intfDesiredIs(IntfId const& intfId, bool desired) { intfDesired_.is(*this, intfId, desired); }
+  void intfDesiredDel(IntfId const& intfId) { intfDesired_.del(*this, intfId); }
+  void intfDesiredDelAll() { intfDesired_.delAll(*this); }
 
  private:
-  KeyedCollection<IntfId, bool> intfDesired_;
+  Collection<PamDesiredIntfDir, IntfId, bool> intfDesired_{&Reactor::handleIntfDesired};
 };
 
 }  // namespace Calyx::Interface

@@ -4,13 +4,10 @@
 // start-up and on reload. Reactors hear handleKernelIntf(intf) for every interface whose entry appeared,
 // changed or went away.
 
-#include <cstddef>
 #include <cstdint>
-#include <optional>
 #include <string>
 
-#include "platform/core/Entity.h"
-#include "platform/core/KeyedCollection.h"
+#include "platform/core/Attribute.h"
 #include "platform/types/IntfId.h"
 
 namespace Calyx::KernelNetInfo {
@@ -29,16 +26,16 @@ class Status : public Object, public Notifier<Status> {
     virtual void handleKernelIntf(IntfId const& /*intfId*/) {}
   };
 
-  std::optional<KernelIntf> kernelIntf(IntfId const& intfId) const;
+  std::optional<KernelIntf> kernelIntf(IntfId const& intfId) const { return kernelIntf_.get(intfId); }
   size_t kernelIntfCount() const { return kernelIntf_.count(); }
   std::optional<IntfId> kernelIntfFirst() const { return kernelIntf_.first(); }
   std::optional<IntfId> kernelIntfNext(IntfId const& after) const { return kernelIntf_.next(after); }
-  void kernelIntfIs(IntfId const& intfId, KernelIntf const& intf);
-  void kernelIntfDel(IntfId const& intfId);
-  void kernelIntfDelAll();
+  void kernelIntfIs(IntfId const& intfId, KernelIntf const& intf) { kernelIntf_.is(*this, intfId, intf); }
+  void kernelIntfDel(IntfId const& intfId) { kernelIntf_.del(*this, intfId); }
+  void kernelIntfDelAll() { kernelIntf_.delAll(*this); }
 
  private:
-  KeyedCollection<IntfId, KernelIntf> kernelIntf_;
+  Collection<Status, IntfId, KernelIntf> kernelIntf_{&Reactor::handleKernelIntf};
 };
 
 }  // namespace Calyx::KernelNetInfo
