@@ -8,6 +8,7 @@
 #include <filesystem>
 #include <iostream>
 #include <sstream>
+#include <tuple>
 
 #include "agent/ConfigApply.h"
 #include "platform/core/RingTrace.h"
@@ -51,6 +52,7 @@ Agent::Agent(AgentConfig config, std::string pluginPath, ConfigLoader loader)
 Agent::~Agent() {
   signalReactor_.reset();
   host_.reset();  // the feature down first: the manager's clean-up turns it off
+  exactMatchTables_.clear();
   statusStore_.reset();
   mounts_ = {};
   loop_ = nullptr;
@@ -101,25 +103,18 @@ bool Agent::start() {
   loop_->signalsEnable();
   signalReactor_ = std::make_unique<SignalReactor>(*this, loop_);
 
-  mounts_ = MirrorOnDrop::FeatureMounts{make<Calyx::FlowTracking::Config>(),
-                                        make<Calyx::FlowTracking::Status>(),
-                                        make<Calyx::Dir>("mod-agent"),
-                                        make<Calyx::Interface::AllIntfStatusLocalDir>(),
-                                        make<Calyx::Interface::AllIntfStatusDir>(),
-                                        make<Calyx::HwFlowTracking::Capabilities>(),
-                                        make<Calyx::FlowTracking::ConfigReq>(),
-                                        make<Calyx::CalyxCentral::FeatureAgentCommonSmData>(),
-                                        make<Calyx::HwFlowTracking::Config>(),
-                                        make<Calyx::HwFlowTracking::Status>(),
-                                        make<Calyx::KernelNetInfo::Status>(),
-                                        Ptr<Calyx::TaskScheduler>(&loop_->scheduler())};
+  mounts_ = MirrorOnDrop::featureMountsMake(Ptr<Calyx::TaskScheduler>(&loop_->scheduler()));
+  // The chip's exact-match tables, in software on this host.
+  for (auto const& [config, status, capacity] :
+       {std::tuple(mounts_.emtConfigIpv4, mounts_.emtStatusIpv4, config_.exactMatchCapacityIpv4),
+        std::tuple(mounts_.emtConfigIpv6, mounts_.emtStatusIpv6, config_.exactMatchCapacityIpv6)}) {
+    exactMatchTables_.push_back(std::make_unique<Calyx::CalyxEm::SoftwareExactMatchTable>(
+        *loop_, config, status, capacity, config_.exactMatchInstallDelay));
+  }
   // What an earlier run left of the tracker status is loaded before the manager looks at it.
   statusStore_ = std::make_unique<Calyx::HwFlowTracking::StatusStore>(mounts_.hwStatus);
   configApply(config_, mounts_);
   host_ = std::make_unique<MirrorOnDrop::FeatureHost>(plugin_->tableAs<MirrorOnDrop::PluginTable>(), mounts_);
-  if (!plugin_->tableAs<MirrorOnDrop::PluginTable>().adapterSmFactory) {
-    say("the plug-in has no exact-match adapter: exact-match entries are requested but not installed");
-  }
   say(std::string("started: feature ") + (host_->featureOn() ? "on" : "off") + ", state directory " +
       config_.stateDir + (config_.replaying() ? ", replaying " + config_.replay : ""));
   return true;

@@ -20,6 +20,7 @@
 #include "agent/StateDirLock.h"
 #include "platform/core/EventLoop.h"
 #include "platform/entity/HwFlowTrackingStatusStore.h"
+#include "platform/io/CalyxEmSoftwareExactMatchTable.h"
 #include "platform/io/PluginLibrary.h"
 
 namespace ModAgent {
@@ -57,6 +58,7 @@ class Agent {
   Calyx::Ptr<Calyx::EventLoop> loop_;
   MirrorOnDrop::FeatureMounts mounts_;
   std::unique_ptr<Calyx::HwFlowTracking::StatusStore> statusStore_;
+  std::vector<std::unique_ptr<Calyx::CalyxEm::SoftwareExactMatchTable>> exactMatchTables_;
   std::unique_ptr<MirrorOnDrop::FeatureHost> host_;
   std::unique_ptr<SignalReactor> signalReactor_;
   double nextProgress_ = 0;

@@ -126,6 +126,9 @@ void configApply(AgentConfig const& c, MirrorOnDrop::FeatureMounts const& m) {
   trackersApply(c, *m.config);
   if (c.flowTrackingEnabled) m.config->enabledIs(true);
   m.capabilities->mirrorOnDropSupportedIs(c.mirrorOnDrop);
+  // The chip's exact-match support; this host has no operator switch of its own for it.
+  m.miscConfig->exactMatchEnabledIs(true);
+  m.flexibleUftCapabilityStatus->exactMatchSupportedIs(c.exactMatch);
 }
 
 }  // namespace ModAgent

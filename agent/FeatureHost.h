@@ -33,7 +33,17 @@ struct FeatureMounts {
   Calyx::Ptr<Calyx::HwFlowTracking::Status> hwStatus;
   Calyx::Ptr<Calyx::KernelNetInfo::Status> kniStatus;
   Calyx::Ptr<Calyx::TaskScheduler> scheduler;
+  // The chip's exact-match tables and what decides whether they may be used.
+  Calyx::Ptr<Calyx::CalyxCentral::FlexibleUftCapabilityStatus> flexibleUftCapabilityStatus;
+  Calyx::Ptr<Calyx::CalyxCentral::CalyxMiscConfig> miscConfig;
+  Calyx::Ptr<Calyx::CalyxEm::ExactMatchEntryStatus> emtStatusIpv4;
+  Calyx::Ptr<Calyx::CalyxEm::ExactMatchEntryConfig> emtConfigIpv4;
+  Calyx::Ptr<Calyx::CalyxEm::ExactMatchEntryStatus> emtStatusIpv6;
+  Calyx::Ptr<Calyx::CalyxEm::ExactMatchEntryConfig> emtConfigIpv6;
 };
+
+// Every mounted entity made afresh, empty, for a scheduler.
+FeatureMounts featureMountsMake(Calyx::Ptr<Calyx::TaskScheduler> scheduler);
 
 class FeatureHost {
  public:
@@ -57,6 +67,7 @@ class FeatureHost {
   Calyx::Ptr<Report::Status> const& reportStatus() const { return reportStatus_; }
   Calyx::Ptr<MountHolder> const& holder() const { return holder_; }
   Calyx::Ptr<ManagerSm> const& manager() const { return manager_; }
+  Calyx::Ptr<AdapterSm> const& adapter() const { return adapter_; }
   // The feature is on: its entity is in the agent's directory.
   bool featureOn() const { return static_cast<bool>(mounts_.agentDir->entry(ManagerSm::kAgentName)); }
 
@@ -69,6 +80,7 @@ class FeatureHost {
   Calyx::Ptr<MountHolder> holder_;
   Calyx::Ptr<Calyx::Task> taskToggleFeatureOff_;
   Calyx::Ptr<ManagerSm> manager_;
+  Calyx::Ptr<AdapterSm> adapter_;
 };
 
 }  // namespace MirrorOnDrop

@@ -6,7 +6,7 @@ MirrorOnDrop::PluginTable const kTable{
     .version = MirrorOnDrop::PluginTable::kVersion,
     .mountHolderFactory = &MirrorOnDrop::mountHolderFactory,
     .managerSmFactory = &MirrorOnDrop::managerSmFactory,
-    .adapterSmFactory = nullptr,
+    .adapterSmFactory = &MirrorOnDrop::adapterSmFactory,
     .emtConfigFactory = &MirrorOnDrop::Emt::configFactory,
     .emtStatusFactory = &MirrorOnDrop::Emt::statusFactory,
     .collectorStatusFactory = &MirrorOnDrop::Collector::statusFactory,

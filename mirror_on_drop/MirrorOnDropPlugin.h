@@ -2,12 +2,13 @@
 // The plug-in's boundary, shared by the host and the plug-in: one extern "C" entry point,
 // mirrorOnDropPluginTable(), gives the table of the plug-in's factories. The host finds it by name with
 // dlsym and checks the table's version before it touches a factory; host and plug-in are built from the same
-// sources, so a matching version means matching types. A factory the plug-in does not have is a null pointer
-// (this build has no exact-match adapter yet), never a stand-in.
+// sources, so a matching version means matching types. A factory the plug-in does not have is a null pointer,
+// never a stand-in.
 
 #include <cstdint>
 #include <string>
 
+#include "mirror_on_drop/MirrorOnDropAdapterSm.h"
 #include "mirror_on_drop/MirrorOnDropCollector.h"
 #include "mirror_on_drop/MirrorOnDropEmtCommon.h"
 #include "mirror_on_drop/MirrorOnDropManagerSm.h"
@@ -18,6 +19,7 @@ namespace MirrorOnDrop {
 
 using MountHolderFactory = decltype(&mountHolderFactory);
 using ManagerSmFactory = decltype(&managerSmFactory);
+using AdapterSmFactory = decltype(&adapterSmFactory);
 using EmtConfigFactory = decltype(&Emt::configFactory);
 using EmtStatusFactory = decltype(&Emt::statusFactory);
 using CollectorStatusFactory = decltype(&Collector::statusFactory);
@@ -31,7 +33,7 @@ struct PluginTable {
   uint32_t version;  // first, at a fixed place: the one field a host of another version can read
   MountHolderFactory mountHolderFactory;
   ManagerSmFactory managerSmFactory;
-  void const* adapterSmFactory;  // null: not in this build
+  AdapterSmFactory adapterSmFactory;
   EmtConfigFactory emtConfigFactory;
   EmtStatusFactory emtStatusFactory;
   CollectorStatusFactory collectorStatusFactory;

@@ -40,21 +40,9 @@ TEST(FeatureHostTest, StartUpTurnsTheFeatureOnAndTearDownLeavesItOff) {
       PluginLibrary::open(buildFile(kPlugin), PluginTable::kEntryPoint, PluginTable::kVersion, error);
   ASSERT_TRUE(library) << error;
   auto const& plugin = library->tableAs<PluginTable>();
-  EXPECT_EQ(plugin.adapterSmFactory, nullptr);  // not in this build: said plainly, not faked
 
   auto loop = EventLoop::makeSimulated();
-  FeatureMounts m{make<FlowTracking::Config>(),
-                  make<FlowTracking::Status>(),
-                  make<Dir>("mod-agent"),
-                  make<Interface::AllIntfStatusLocalDir>(),
-                  make<Interface::AllIntfStatusDir>(),
-                  make<HwFlowTracking::Capabilities>(),
-                  make<FlowTracking::ConfigReq>(),
-                  make<CalyxCentral::FeatureAgentCommonSmData>(),
-                  make<HwFlowTracking::Config>(),
-                  make<HwFlowTracking::Status>(),
-                  make<KernelNetInfo::Status>(),
-                  Ptr<TaskScheduler>(&loop->scheduler())};
+  FeatureMounts m = featureMountsMake(Ptr<TaskScheduler>(&loop->scheduler()));
   m.config->enabledIs(true);
   m.config->trackerIs("t1", make<FlowTracking::TrackerConfig>("t1"));
   m.capabilities->mirrorOnDropSupportedIs(true);
@@ -63,6 +51,7 @@ TEST(FeatureHostTest, StartUpTurnsTheFeatureOnAndTearDownLeavesItOff) {
   ASSERT_TRUE(host->holder()->hwFtConfig());
   EXPECT_EQ(host->holder()->hwFtConfig()->name(), "t1");
   EXPECT_TRUE(m.hwStatus->hwFtStatus("t1"));
+  EXPECT_TRUE(host->adapter());
   host.reset();
   EXPECT_EQ(m.agentDir->entryCount(), 0u);
   EXPECT_EQ(m.hwStatus->hwFtStatusCount(), 0u);

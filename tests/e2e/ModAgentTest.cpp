@@ -350,4 +350,32 @@ TEST_F(ModAgentTest, LiveCaptureOnAVethPairReachesTheCollector) {
   EXPECT_NE(agent.err().find("frames received 10, processed 10"), std::string::npos) << agent.err();
 }
 
+// Exact match through the agent: while flows are reported their entries are installed (Emt::Status, read from
+// the state directory), and once they are stopped nothing is left.
+TEST_F(ModAgentTest, ExactMatchEntriesAreInstalledWhileFlowsAreReported) {
+  capture({"--flows", "4", "--drops-per-flow", "1", "--seed", "6"});
+  std::string text = config("max", "t1", "active_interval = 0.2\ninactive_timeout = 1.0\n");
+  text.replace(text.find("mirror_on_drop = true\n"), 22,
+               "mirror_on_drop = true\nexact_match = true\nexact_match_install_delay = 0.01\n");
+  Program agent("mod-agent", {"--config", write("em.toml", text)}, work);
+  using StatusReader = SharedTableReader<MirrorOnDrop::Emt::Key, MirrorOnDrop::Emt::EntryStatus>;
+  auto reader = StatusReader::forTable("emtStatus", state.path());
+  size_t installedCount = 0;
+  for (int i = 0; i < 300 && installedCount < 4; ++i) {
+    installedCount = 0;
+    for (auto const& e : reader.snapshot()) installedCount += e.isInstalled();
+    usleep(10000);
+  }
+  EXPECT_EQ(installedCount, 4u) << agent.err();
+  std::map<Bytes, std::string> got;
+  for (int i = 0; i < 500 && !(got.size() == 4 && got.begin()->second == "SP"); ++i) {
+    for (auto const& [bytes, types] : byReport(decode(rx4.drain()))) got[bytes] += types;
+    usleep(10000);
+  }
+  usleep(100000);
+  EXPECT_TRUE(reader.snapshot().empty());
+  agent.signal(SIGTERM);
+  EXPECT_EQ(agent.wait(10), 0) << agent.err();
+}
+
 }  // namespace

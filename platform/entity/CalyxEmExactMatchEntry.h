@@ -1,0 +1,84 @@
+#pragma once
+// CalyxEm: the chip's exact-match tables, one per address family, as the state store shows them.
+//
+// ExactMatchEntryConfig holds the entries wanted: each matches one flow (protocol, addresses, ports) arriving
+// on any interface of its set. ExactMatchEntryStatus holds what the hardware did with each: installed or not
+// (an entry the table has no room for stays uninstalled until room frees up). A feature writes the
+// configuration and reads the status; the hardware (on this host, SoftwareExactMatchTable) does the opposite.
+// Reactors hear handleConfig(key) / handleStatus(key) for every entry that appeared, changed or went away.
+
+#include <compare>
+#include <cstdint>
+#include <set>
+
+#include "platform/core/Attribute.h"
+#include "platform/types/IntfId.h"
+#include "platform/types/IpGenAddr.h"
+
+namespace Calyx::CalyxEm {
+
+// What one entry matches: a flow.
+struct ExactMatchKey {
+  uint8_t ipProto = 0;
+  IpGenAddr srcIp;
+  IpGenAddr dstIp;
+  uint16_t srcPort = 0;
+  uint16_t dstPort = 0;
+  friend auto operator<=>(ExactMatchKey const&, ExactMatchKey const&) = default;
+};
+
+// On which ingress interfaces the flow is matched.
+struct ExactMatchAction {
+  std::set<IntfId> intfSet;
+  friend bool operator==(ExactMatchAction const&, ExactMatchAction const&) = default;
+};
+
+class ExactMatchEntryConfig : public Object, public Notifier<ExactMatchEntryConfig> {
+ public:
+  class Reactor : public ReactorBase<ExactMatchEntryConfig> {
+   public:
+    using ReactorBase::ReactorBase;
+    virtual void handleConfig(ExactMatchKey const& /*key*/) {}
+  };
+
+  explicit ExactMatchEntryConfig(IpGenAddr::Family af) : af_(af) {}
+  IpGenAddr::Family af() const { return af_; }
+
+  std::optional<ExactMatchAction> config(ExactMatchKey const& key) const { return config_.get(key); }
+  size_t configCount() const { return config_.count(); }
+  std::optional<ExactMatchKey> configFirst() const { return config_.first(); }
+  std::optional<ExactMatchKey> configNext(ExactMatchKey const& after) const { return config_.next(after); }
+  void configIs(ExactMatchKey const& key, ExactMatchAction const& action) { config_.is(*this, key, action); }
+  void configDel(ExactMatchKey const& key) { config_.del(*this, key); }
+  void configDelAll() { config_.delAll(*this); }
+
+ private:
+  IpGenAddr::Family af_;
+  Collection<ExactMatchEntryConfig, ExactMatchKey, ExactMatchAction> config_{&Reactor::handleConfig};
+};
+
+class ExactMatchEntryStatus : public Object, public Notifier<ExactMatchEntryStatus> {
+ public:
+  class Reactor : public ReactorBase<ExactMatchEntryStatus> {
+   public:
+    using ReactorBase::ReactorBase;
+    virtual void handleStatus(ExactMatchKey const& /*key*/) {}
+  };
+
+  explicit ExactMatchEntryStatus(IpGenAddr::Family af) : af_(af) {}
+  IpGenAddr::Family af() const { return af_; }
+
+  // True when the entry is installed; nullopt when the hardware does not know the entry.
+  std::optional<bool> status(ExactMatchKey const& key) const { return status_.get(key); }
+  size_t statusCount() const { return status_.count(); }
+  std::optional<ExactMatchKey> statusFirst() const { return status_.first(); }
+  std::optional<ExactMatchKey> statusNext(ExactMatchKey const& after) const { return status_.next(after); }
+  void statusIs(ExactMatchKey const& key, bool installed) { status_.is(*this, key, installed); }
+  void statusDel(ExactMatchKey const& key) { status_.del(*this, key); }
+
+ private:
+  IpGenAddr::Family af_;
+  Collection<ExactMatchEntryStatus, ExactMatchKey, bool> status_{&Reactor::handleStatus};
+};
+
+}  // namespace Calyx::CalyxEm
