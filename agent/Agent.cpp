@@ -51,6 +51,7 @@ Agent::Agent(AgentConfig config, std::string pluginPath, ConfigLoader loader)
 
 Agent::~Agent() {
   signalReactor_.reset();
+  control_.reset();
   host_.reset();  // the feature down first: the manager's clean-up turns it off
   exactMatchTables_.clear();
   statusStore_.reset();
@@ -115,6 +116,10 @@ bool Agent::start() {
   statusStore_ = std::make_unique<Calyx::HwFlowTracking::StatusStore>(mounts_.hwStatus);
   configApply(config_, mounts_);
   host_ = std::make_unique<MirrorOnDrop::FeatureHost>(plugin_->tableAs<MirrorOnDrop::PluginTable>(), mounts_);
+  control_ = std::make_unique<ControlService>(*loop_, *host_, config_.stateDir);
+  std::string const socketPath =
+      config_.controlSocket.empty() ? config_.stateDir + "/mod-agent.sock" : config_.controlSocket;
+  if (!control_->open(socketPath, error)) say("no control socket: " + error);
   say(std::string("started: feature ") + (host_->featureOn() ? "on" : "off") + ", state directory " +
       config_.stateDir + (config_.replaying() ? ", replaying " + config_.replay : ""));
   return true;
@@ -128,6 +133,7 @@ int Agent::run() {
     loop_->run();
   }
   summary();
+  control_.reset();
   host_.reset();
   return 0;
 }

@@ -16,6 +16,7 @@
 #include <string>
 
 #include "agent/AgentConfig.h"
+#include "agent/ControlService.h"
 #include "agent/FeatureHost.h"
 #include "agent/StateDirLock.h"
 #include "platform/core/EventLoop.h"
@@ -61,6 +62,7 @@ class Agent {
   std::vector<std::unique_ptr<Calyx::CalyxEm::SoftwareExactMatchTable>> exactMatchTables_;
   std::unique_ptr<MirrorOnDrop::FeatureHost> host_;
   std::unique_ptr<SignalReactor> signalReactor_;
+  std::unique_ptr<ControlService> control_;
   double nextProgress_ = 0;
 };
 

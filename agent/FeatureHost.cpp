@@ -29,10 +29,10 @@ FeatureMounts featureMountsMake(Calyx::Ptr<Calyx::TaskScheduler> scheduler) {
 
 FeatureHost::FeatureHost(PluginTable const& plugin, FeatureMounts mounts) : mounts_(std::move(mounts)) {
   FeatureMounts const& m = mounts_;
-  emtConfig_ = plugin.emtConfigFactory(kEmtConfig);
-  emtStatus_ = plugin.emtStatusFactory(kEmtStatus);
-  collectorStatus_ = plugin.collectorStatusFactory(kCollectorStatus);
-  reportStatus_ = plugin.reportStatusFactory(kReportStatus);
+  emtConfig_ = plugin.emtConfigFactory(TableName::kEmtConfig);
+  emtStatus_ = plugin.emtStatusFactory(TableName::kEmtStatus);
+  collectorStatus_ = plugin.collectorStatusFactory(TableName::kCollectorStatus);
+  reportStatus_ = plugin.reportStatusFactory(TableName::kReportStatus);
   holder_ = plugin.mountHolderFactory(
       m.allIntfStatusLocalDir, m.allIntfStatusDir, m.capabilities, m.configReq, collectorStatus_, emtConfig_,
       emtStatus_, m.fcsd, m.hwConfig, m.hwStatus, nullptr, nullptr, m.kniStatus, reportStatus_, m.scheduler);

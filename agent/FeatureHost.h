@@ -48,13 +48,6 @@ FeatureMounts featureMountsMake(Calyx::Ptr<Calyx::TaskScheduler> scheduler);
 class FeatureHost {
  public:
   static constexpr int kToggleFeatureOffPriority = 5;
-  // The shared tables' names in the state directory (Report::Status publishes two: <name>.entry and
-  // <name>.entryIntf).
-  static constexpr char const* kEmtConfig = "emtConfig";
-  static constexpr char const* kEmtStatus = "emtStatus";
-  static constexpr char const* kCollectorStatus = "collectorStatus";
-  static constexpr char const* kReportStatus = "reportStatus";
-
   FeatureHost(PluginTable const& plugin, FeatureMounts mounts);
   ~FeatureHost();
   FeatureHost(FeatureHost const&) = delete;

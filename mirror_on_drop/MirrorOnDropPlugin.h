@@ -17,6 +17,15 @@
 
 namespace MirrorOnDrop {
 
+// The shared tables' names in the state directory, as the host makes them and the tools read them
+// (Report::Status publishes two: <name>.entry and <name>.entryIntf).
+namespace TableName {
+inline constexpr char const* kEmtConfig = "emtConfig";
+inline constexpr char const* kEmtStatus = "emtStatus";
+inline constexpr char const* kCollectorStatus = "collectorStatus";
+inline constexpr char const* kReportStatus = "reportStatus";
+}  // namespace TableName
+
 using MountHolderFactory = decltype(&mountHolderFactory);
 using ManagerSmFactory = decltype(&managerSmFactory);
 using AdapterSmFactory = decltype(&adapterSmFactory);

@@ -5,15 +5,21 @@
 #include <netinet/in.h>
 #include <signal.h>
 #include <stdlib.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <sys/un.h>
+#include <sys/wait.h>
 
 #include <algorithm>
 #include <filesystem>
 #include <fstream>
 #include <map>
+#include <nlohmann/json.hpp>
 #include <set>
 #include <string>
 #include <vector>
 
+#include "mirror_on_drop/MirrorOnDropCollector.h"
 #include "mirror_on_drop/MirrorOnDropEmtCommon.h"
 #include "mirror_on_drop/MirrorOnDropReport.h"
 #include "platform/table/SharedTableReader.h"
@@ -376,6 +382,134 @@ TEST_F(ModAgentTest, ExactMatchEntriesAreInstalledWhileFlowsAreReported) {
   EXPECT_TRUE(reader.snapshot().empty());
   agent.signal(SIGTERM);
   EXPECT_EQ(agent.wait(10), 0) << agent.err();
+}
+
+// A client of the agent's control socket that sends raw lines.
+class RawClient {
+ public:
+  explicit RawClient(std::string const& path) : fd_(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0)) {
+    sockaddr_un addr{};
+    addr.sun_family = AF_UNIX;
+    std::snprintf(addr.sun_path, sizeof addr.sun_path, "%s", path.c_str());
+    connected_ = connect(fd_, reinterpret_cast<sockaddr*>(&addr), sizeof addr) == 0;
+  }
+  ~RawClient() { close(fd_); }
+  bool connected() const { return connected_; }
+  // Sends the lines, then reads until n reply lines came (or 5 s passed).
+  std::vector<std::string> exchange(std::string const& lines, size_t n) {
+    EXPECT_EQ(send(fd_, lines.data(), lines.size(), MSG_NOSIGNAL), ssize_t(lines.size()));
+    std::string in;
+    for (int i = 0; i < 500 && size_t(std::count(in.begin(), in.end(), '\n')) < n; ++i) {
+      char chunk[65536];
+      ssize_t const got = recv(fd_, chunk, sizeof chunk, MSG_DONTWAIT);
+      if (got > 0) in.append(chunk, size_t(got));
+      if (got <= 0) usleep(10000);
+    }
+    std::vector<std::string> out;
+    std::istringstream is(in);
+    for (std::string l; std::getline(is, l);) out.push_back(l);
+    return out;
+  }
+
+ private:
+  int fd_;
+  bool connected_ = false;
+};
+
+// modctl against a running agent, a misbehaving client, and an agent killed.
+TEST_F(ModAgentTest, ModctlShowsTheTablesAsTheyAreAndTheControlSocketHoldsUp) {
+  capture({"--flows", "6", "--drops-per-flow", "1", "--seed", "6", "--family", "ipv4"});
+  std::string text = config("max", "t1", "active_interval = 0.2\ninactive_timeout = 60\n");
+  text += "[flow_tracking.trackers.t1.exporters.e2]\ncollectors = { c3 = \"127.0.0.1:" +
+          std::to_string(rx4.port()) + "\" }\n";
+  text.replace(text.find("mirror_on_drop = true\n"), 22, "mirror_on_drop = true\nexact_match = true\n");
+  Program agent("mod-agent", {"--config", write("ctl.toml", text)}, work);
+  ASSERT_TRUE(agent.waitForErr("started: feature on", 10)) << agent.err();
+  auto const modctl = [&](std::vector<std::string> args) {
+    args.insert(args.begin(), {"--state-dir", state.path()});
+    return programRun("modctl", args);
+  };
+  nlohmann::json status;
+  for (int i = 0; i < 300; ++i) {
+    auto const r = modctl({"--json", "status"});
+    if (r.status == 0) status = nlohmann::json::parse(r.out);
+    if (status.is_object() && status["counters"]["start_reports"] == 6) break;
+    usleep(10000);
+  }
+  ASSERT_EQ(status["counters"]["start_reports"], 6) << agent.err();
+  EXPECT_EQ(status["tracker"]["name"], "t1");
+
+  // The same content as the table, with the documented keys.
+  auto const flows = nlohmann::json::parse(modctl({"--json", "show", "flows"}).out);
+  auto const table =
+      SharedTableReader<MirrorOnDrop::Report::Key, MirrorOnDrop::Report::EntryStatus>::forTable(
+          "reportStatus.entry", state.path())
+          .snapshot();
+  ASSERT_EQ(flows["count"], table.size());
+  for (auto const& f : flows["flows"]) {
+    for (char const* key : {"ip_proto", "src_ip", "dst_ip", "src_port", "dst_port", "type", "timestamp",
+                            "data_size", "interfaces"})
+      EXPECT_TRUE(f.contains(key)) << key;
+  }
+  EXPECT_NE(modctl({"show", "exact-match"}).out.find("true"), std::string::npos);
+
+  // Clearing e1 leaves e2's collector as it was.
+  EXPECT_EQ(modctl({"clear", "counters", "e1"}).status, 0);
+  auto const collectors = nlohmann::json::parse(modctl({"--json", "show", "collectors"}).out)["collectors"];
+  ASSERT_EQ(collectors.size(), 3u);
+  for (auto const& c : collectors) EXPECT_EQ(c["start"], c["exporter"] == "e1" ? 0 : 6) << c.dump();
+
+  // Malformed requests, a silent client and a refused peer do not disturb the agent.
+  std::string const sock = state.path() + "/mod-agent.sock";
+  RawClient silent(sock);
+  ASSERT_TRUE(silent.connected());
+  RawClient noisy(sock);
+  std::vector<std::string> replies;
+  for (int batch = 0; batch < 10;
+       ++batch) {  // 1,000 in all, a hundred at a time, as a client reading replies
+    std::string garbage;
+    for (int i = 0; i < 100; ++i) garbage += (i % 2 ? "not json\n" : "{\"command\":\"fly\"}\n");
+    auto const got = noisy.exchange(garbage, 100);
+    replies.insert(replies.end(), got.begin(), got.end());
+  }
+  ASSERT_EQ(replies.size(), 1000u);
+  EXPECT_NE(replies[0].find("unknown command \\\"fly\\\""), std::string::npos) << replies[0];
+  EXPECT_NE(replies[1].find("\"ok\":false"), std::string::npos) << replies[1];
+  if (geteuid() == 0) {
+    // The socket's mode (0660) already keeps strangers out; opened up by mistake, the credentials still do.
+    chmod(state.path().c_str(), 0755);
+    chmod(sock.c_str(), 0666);
+    pid_t const child = fork();
+    if (child == 0) {
+      if (setgid(65534) != 0 || setuid(65534) != 0) _exit(3);
+      RawClient stranger(sock);
+      auto const reply = stranger.exchange("{\"command\":\"status\"}\n", 1);
+      _exit(reply.size() == 1 && reply[0].find("permission denied") != std::string::npos ? 0 : 1);
+    }
+    int raw = 0;
+    waitpid(child, &raw, 0);
+    EXPECT_EQ(WEXITSTATUS(raw), 0) << "a peer without the rights was served";
+  }
+  EXPECT_EQ(modctl({"status"}).status, 0);
+
+  auto const metrics = modctl({"metrics"});
+  EXPECT_NE(
+      metrics.out.find("mod_collector_reports_total{exporter=\"e2\",collector=\"c3\",type=\"start\"} 6"),
+      std::string::npos)
+      << metrics.out;
+  if (std::system("command -v promtool >/dev/null 2>&1") == 0) {
+    write("metrics.txt", metrics.out);
+    EXPECT_EQ(std::system(("promtool check metrics < " + file("metrics.txt")).c_str()), 0);
+  }
+
+  // Killed, the agent leaves its tables: modctl still shows them, and says plainly that nobody answers.
+  agent.signal(SIGKILL);
+  agent.wait(10);
+  EXPECT_EQ(nlohmann::json::parse(modctl({"--json", "show", "flows"}).out)["count"], 6);
+  auto const down = modctl({"status"});
+  EXPECT_EQ(down.status, 1);
+  EXPECT_NE(down.err.find("mod-agent is not running"), std::string::npos) << down.err;
+  EXPECT_NE(modctl({"trace", "dump"}).out.find("ftName: 't1'"), std::string::npos);
 }
 
 }  // namespace

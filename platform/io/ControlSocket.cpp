@@ -1,0 +1,117 @@
+#include "platform/io/ControlSocket.h"
+
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <sys/un.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstring>
+
+namespace Calyx {
+
+ControlSocket::ControlSocket(EventLoop& loop, std::string path, Handler handler, Refusal refusal)
+    : loop_(loop), path_(std::move(path)), handler_(std::move(handler)), refusal_(std::move(refusal)) {}
+
+ControlSocket::~ControlSocket() {
+  while (!clients_.empty()) drop(clients_.begin()->first);
+  listenWatch_.reset();
+  if (listenFd_ >= 0) {
+    close(listenFd_);
+    unlink(path_.c_str());
+  }
+}
+
+bool ControlSocket::open(std::string& error) {
+  sockaddr_un addr{};
+  if (path_.size() >= sizeof addr.sun_path) {
+    error = "control socket path " + path_ + " is longer than " + std::to_string(sizeof addr.sun_path - 1);
+    return false;
+  }
+  addr.sun_family = AF_UNIX;
+  std::memcpy(addr.sun_path, path_.c_str(), path_.size() + 1);
+  listenFd_ = socket(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0);
+  if (listenFd_ < 0) {
+    error = std::string("socket: ") + std::strerror(errno);
+    return false;
+  }
+  unlink(path_.c_str());  // a dead agent's socket; a live agent holds the state directory's lock
+  mode_t const old = umask(0117);
+  bool const bound = bind(listenFd_, reinterpret_cast<sockaddr*>(&addr), sizeof addr) == 0;
+  umask(old);
+  struct stat st {};
+  if (!bound || chmod(path_.c_str(), 0660) != 0 || stat(path_.c_str(), &st) != 0 ||
+      listen(listenFd_, 16) != 0) {
+    error = "control socket " + path_ + ": " + std::strerror(errno);
+    close(listenFd_);
+    listenFd_ = -1;
+    return false;
+  }
+  owner_ = st.st_uid;
+  group_ = st.st_gid;
+  listenWatch_ = loop_.fdWatch(listenFd_, [this] { accept(); });
+  return true;
+}
+
+bool ControlSocket::allowed(int fd) const {
+  ucred cred{};
+  socklen_t len = sizeof cred;
+  if (getsockopt(fd, SOL_SOCKET, SO_PEERCRED, &cred, &len) != 0) return false;
+  return cred.uid == 0 || cred.uid == owner_ || cred.gid == group_;
+}
+
+void ControlSocket::accept() {
+  for (;;) {
+    int const fd = accept4(listenFd_, nullptr, nullptr, SOCK_NONBLOCK | SOCK_CLOEXEC);
+    if (fd < 0) return;
+    if (!allowed(fd)) {
+      send(fd, refusal_("permission denied: root, the socket's owner or its group only"));
+      close(fd);
+      continue;
+    }
+    if (clients_.size() >= kMaxClients) {
+      send(fd, refusal_("too many clients"));
+      close(fd);
+      continue;
+    }
+    clients_[fd].watch = loop_.fdWatch(fd, [this, fd] { readable(fd); });
+  }
+}
+
+void ControlSocket::readable(int fd) {
+  auto it = clients_.find(fd);
+  if (it == clients_.end()) return;
+  char chunk[4096];
+  for (;;) {
+    ssize_t const n = read(fd, chunk, sizeof chunk);
+    if (n == 0 || (n < 0 && errno != EAGAIN && errno != EINTR)) return drop(fd);
+    if (n < 0) break;
+    it->second.in.append(chunk, size_t(n));
+    if (it->second.in.size() > kMaxLine && it->second.in.find('\n') == std::string::npos) {
+      send(fd, refusal_("request longer than " + std::to_string(kMaxLine) + " bytes"));
+      return drop(fd);
+    }
+  }
+  for (size_t nl; (nl = it->second.in.find('\n')) != std::string::npos;) {
+    std::string const line = it->second.in.substr(0, nl);
+    it->second.in.erase(0, nl + 1);
+    if (!send(fd, handler_(line))) return drop(fd);
+  }
+}
+
+// The whole line now, or the client goes.
+bool ControlSocket::send(int fd, std::string const& line) {
+  std::string const out = line + "\n";
+  ssize_t const n = ::send(fd, out.data(), out.size(), MSG_NOSIGNAL | MSG_DONTWAIT);
+  return n == ssize_t(out.size());
+}
+
+void ControlSocket::drop(int fd) {
+  auto it = clients_.find(fd);
+  if (it == clients_.end()) return;
+  it->second.watch.reset();
+  close(fd);
+  clients_.erase(it);
+}
+
+}  // namespace Calyx
