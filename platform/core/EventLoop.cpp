@@ -185,6 +185,12 @@ bool EventLoop::runOnce(double maxWait) {
     armTimerFd(nextTimerDue());
     timeoutMs = maxWait == kNever ? -1 : static_cast<int>(std::ceil(std::max(maxWait, 0.0) * 1000.0));
   }
+  // Simulated time races ahead of real time: while it keeps finding work, the real descriptors (signals,
+  // sockets) are looked at once per millisecond of real time rather than once per turn. A turn that found
+  // nothing to do always looks, so runUntilIdle still ends only when no descriptor is readable.
+  double const realNow = pollClock_.now();
+  if (simulated_ && ran && realNow - lastPollAt_ < kSimulatedPollInterval) return ran;
+  lastPollAt_ = realNow;
   ran |= pollFds(timeoutMs);
   return ran;
 }

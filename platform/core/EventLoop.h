@@ -105,6 +105,9 @@ class EventLoop : public Object, public Notifier<EventLoop> {
   std::map<uint64_t, std::function<void()>> watches_;
   std::unique_ptr<FdWatch> signalWatch_;
   bool stopped_ = false;
+  static constexpr double kSimulatedPollInterval = 0.001;  // seconds of real time
+  MonotonicClock pollClock_;
+  double lastPollAt_ = 0.0;
 };
 
 }  // namespace Calyx
