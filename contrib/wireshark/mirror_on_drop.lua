@@ -8,11 +8,14 @@
 --     type, the drop timestamp, the four reason words, the sample's size and the sample as an Ethernet frame.
 --
 -- Use:  tshark -X lua_script:contrib/wireshark/mirror_on_drop.lua -r drops.pcap
+--       tshark -X lua_script:contrib/wireshark/mirror_on_drop.lua -o modreport.port:7000 -r reports.pcap
 --       wireshark -X lua_script:contrib/wireshark/mirror_on_drop.lua, or copy the file into the personal
 --       plugins folder (Help > About > Folders). Filter fields: mod.* and modreport.*.
 
 local MOD_ETHERTYPE = 0x1042
 local HEADER_LENGTH = 12
+-- A report: type (1), timestamp (8), four reason words (16), sample size (1), then the sample.
+local REPORT_HEADER_LENGTH = 26
 local SAMPLE_MAX = 80
 
 -- Mirrored drop frames ------------------------------------------------------------------------------------
@@ -33,6 +36,8 @@ function mod.dissector(tvb, pinfo, tree)
   local header = tree:add(mod, tvb(0, math.min(HEADER_LENGTH, tvb:len())))
   if tvb:len() < HEADER_LENGTH then
     header:add_proto_expert_info(e_short)
+    pinfo.cols.info = string.format("Mirror-on-Drop header cut short: %d of %d bytes", tvb:len(),
+      HEADER_LENGTH)
     return tvb:len()
   end
   header:add_le(f_size, tvb(0, 2))
@@ -71,8 +76,9 @@ local ethernet = Dissector.get("eth_withoutfcs")
 function report.dissector(tvb, pinfo, tree)
   pinfo.cols.protocol = "MODREPORT"
   local root = tree:add(report, tvb())
-  if tvb:len() < 26 then
+  if tvb:len() < REPORT_HEADER_LENGTH then
     root:add_proto_expert_info(e_short_report)
+    pinfo.cols.info = string.format("Report cut short: %d of %d bytes", tvb:len(), REPORT_HEADER_LENGTH)
     return tvb:len()
   end
   root:add(r_type, tvb(0, 1))
@@ -82,16 +88,27 @@ function report.dissector(tvb, pinfo, tree)
   local size_item = root:add(r_datasize, tvb(25, 1))
   local size = tvb(25, 1):uint()
   local type_name = types[tvb(0, 1):uint()] or "unknown"
-  pinfo.cols.info = string.format("%s report, timestamp %s, sample %d bytes", type_name,
+  local info = string.format("%s report, timestamp %s, sample %d bytes", type_name,
     tostring(tvb(1, 8):uint64()), size)
-  if size > SAMPLE_MAX or 26 + size > tvb:len() then
+  pinfo.cols.info = info
+  if size > SAMPLE_MAX or REPORT_HEADER_LENGTH + size > tvb:len() then
     size_item:add_proto_expert_info(e_size)
     return tvb:len()
   end
   if size > 0 then
-    root:add(r_sample, tvb(26, size))
-    ethernet:call(tvb(26, size):tvb(), pinfo, tree)
+    root:add(r_sample, tvb(REPORT_HEADER_LENGTH, size))
+    -- The sample's own Ethernet, IP and port addresses would take over the packet list's columns; the
+    -- list should keep showing the report's sender and collector, so they are put back afterwards.
+    local saved = { pinfo.src, pinfo.dst, pinfo.net_src, pinfo.net_dst, pinfo.dl_src, pinfo.dl_dst,
+      pinfo.src_port, pinfo.dst_port }
+    ethernet:call(tvb(REPORT_HEADER_LENGTH, size):tvb(), pinfo, tree)
+    pinfo.src, pinfo.dst, pinfo.net_src, pinfo.net_dst, pinfo.dl_src, pinfo.dl_dst, pinfo.src_port,
+      pinfo.dst_port = table.unpack(saved)
     pinfo.cols.protocol = "MODREPORT"
+    -- Dissectors of the sample may fence their notes into the column (a TCP sample seen twice, in a START
+    -- and its STOP, is marked as a retransmission); those notes are the sample's, not the report's.
+    pinfo.cols.info:clear_fence()
+    pinfo.cols.info = info
   end
   return tvb:len()
 end
