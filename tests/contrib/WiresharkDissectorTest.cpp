@@ -1,9 +1,12 @@
 // The Wireshark dissector, run by tshark on captures of both kinds of packet: mirrored drop frames made by
 // mod-gen, and report datagrams this test builds from known values. Skipped when tshark is not installed.
+//
+// tshark runs with HOME in a fresh directory, so neither a personal configuration (another report port) nor
+// an installed copy of the dissector (two protocols of one name) changes what it shows; as root it only
+// warns.
 #include <gtest/gtest.h>
 #include <unistd.h>
 
-#include <cstdio>
 #include <filesystem>
 #include <sstream>
 #include <string>
@@ -11,12 +14,13 @@
 
 #include "mirror_on_drop/MirrorOnDropType.h"
 #include "platform/io/PcapFileWriter.h"
-#include "platform/types/IpHeader.h"
 #include "tests/support/MirroredFrameReader.h"
 #include "tests/support/PcapRecords.h"
 #include "tests/support/Program.h"
+#include "tools/common/DropFrameBuilder.h"
 
 using namespace Calyx;
+using MirrorOnDrop::Report::Report;
 
 namespace {
 
@@ -24,35 +28,46 @@ std::string const kScript = (std::filesystem::path(__FILE__).parent_path().paren
                              "contrib/wireshark/mirror_on_drop.lua")
                                 .string();
 
-// tshark's fields, one line per packet, columns split on '|'.
-std::vector<std::vector<std::string>> tshark(std::string const& capture,
-                                             std::vector<std::string> const& fields,
-                                             std::string const& occurrence = "f") {
-  std::string cmd = "tshark -X lua_script:" + kScript + " -r " + capture +
-                    " -T fields -E separator='|' -E occurrence=" + occurrence;
-  for (auto const& f : fields) cmd += " -e " + f;
-  cmd += " 2>/dev/null";
-  std::vector<std::vector<std::string>> rows;
-  FILE* p = popen(cmd.c_str(), "r");
-  if (!p) return rows;
-  char line[4096];
-  while (std::fgets(line, sizeof line, p)) {
-    std::string l(line);
-    if (!l.empty() && l.back() == '\n') l.pop_back();
-    std::vector<std::string> cols;
-    std::istringstream is(l);
-    for (std::string c; std::getline(is, c, '|');) cols.push_back(c);
-    cols.resize(fields.size());
-    rows.push_back(cols);
-  }
-  pclose(p);
-  return rows;
+std::vector<std::string> split(std::string const& text, char separator) {
+  std::vector<std::string> parts;
+  std::istringstream is(text);
+  for (std::string part; std::getline(is, part, separator);) parts.push_back(part);
+  return parts;
+}
+
+IpGenAddr ip(char const* text) {
+  return *IpGenAddr::parse(text);
+}
+
+// A UDP datagram from port 40000 to the given port, in Ethernet and IPv4 or IPv6 by the addresses' family.
+std::vector<uint8_t> datagram(IpGenAddr src, IpGenAddr dst, uint16_t port,
+                              std::vector<uint8_t> const& payload) {
+  DropFlow flow{*EthAddr::parse("02:00:00:00:00:01"),
+                *EthAddr::parse("02:00:00:00:00:02"),
+                {},
+                src,
+                dst,
+                17,
+                40000,
+                port};
+  size_t const headers = DropFrameBuilder::headersLength(flow);
+  auto frame = DropFrameBuilder::droppedFrame(flow, headers + payload.size());
+  std::copy(payload.begin(), payload.end(), frame.begin() + long(headers));
+  return frame;
+}
+
+// A report packet: the type byte, then the report as stored, up to the end of its sample.
+std::vector<uint8_t> reportPacket(uint8_t type, Report const& report) {
+  std::vector<uint8_t> packet{type};
+  packet.insert(packet.end(), report.bytes(), report.bytes() + Report::kPayloadOffset + report.dataSize());
+  return packet;
 }
 
 class WiresharkDissectorTest : public ::testing::Test {
  protected:
   void SetUp() override {
-    if (std::system("command -v tshark >/dev/null 2>&1") != 0) GTEST_SKIP() << "tshark is not installed";
+    if (Calyx::Test::programRun("tshark", {"--version"}).status != 0)
+      GTEST_SKIP() << "tshark is not installed";
     char d[] = "/tmp/dissector-XXXXXX";
     ASSERT_TRUE(mkdtemp(d));
     dir = d;
@@ -60,86 +75,152 @@ class WiresharkDissectorTest : public ::testing::Test {
   void TearDown() override {
     if (!dir.empty()) std::filesystem::remove_all(dir);
   }
+
+  std::string capture(std::vector<std::vector<uint8_t>> const& frames) {
+    std::string const path = dir + "/reports.pcap";
+    PcapFileWriter writer;
+    EXPECT_TRUE(writer.open(path)) << writer.error();
+    for (size_t i = 0; i < frames.size(); ++i) EXPECT_TRUE(writer.write(frames[i], 1700000000.0 + double(i)));
+    EXPECT_TRUE(writer.close()) << writer.error();
+    return path;
+  }
+
+  // The fields tshark shows, one row per packet; a field seen more than once has its values joined by ','.
+  std::vector<std::vector<std::string>> tshark(std::string const& path,
+                                               std::vector<std::string> const& fields,
+                                               std::vector<std::string> const& options = {}) {
+    std::vector<std::string> args = {
+        "-u", "XDG_CONFIG_HOME", "HOME=" + dir, "tshark",      "-X", "lua_script:" + kScript, "-r", path,
+        "-T", "fields",          "-E",          "separator=|", "-E", "occurrence=a"};
+    args.insert(args.end(), options.begin(), options.end());
+    for (auto const& f : fields) args.insert(args.end(), {"-e", f});
+    auto const run = Calyx::Test::programRun("env", args);
+    EXPECT_EQ(run.status, 0) << run.err;
+    EXPECT_EQ(run.err.find("Lua"), std::string::npos) << run.err;
+    std::vector<std::vector<std::string>> rows;
+    for (auto const& line : split(run.out, '\n')) {
+      rows.push_back(split(line, '|'));
+      rows.back().resize(fields.size());
+    }
+    return rows;
+  }
+
   std::string dir;
 };
 
 TEST_F(WiresharkDissectorTest, MirroredDropFramesDecodeDownToTheDroppedFlow) {
-  std::string const capture = dir + "/drops.pcap";
-  auto const gen = Calyx::Test::programRun("mod-gen", {"--out", capture, "--flows", "12", "--vlan-tags",
-                                                       "mixed", "--family", "mixed", "--seed", "11"});
-  ASSERT_EQ(gen.status, 0) << gen.err;
-  auto const rows = tshark(capture, {"mod.size", "mod.timestamp", "mod.ethertype", "ip.src", "ipv6.src",
-                                     "tcp.srcport", "udp.srcport", "vlan.id"});
-  auto const records = Calyx::Test::pcapRecords(capture);
-  ASSERT_EQ(rows.size(), records.size());
-  for (size_t i = 0; i < rows.size(); ++i) {
-    auto const d = Calyx::Test::readMirrored(records[i].bytes);
-    auto const& r = rows[i];
-    EXPECT_EQ(r[0], std::to_string(d.packetSize)) << i;
-    EXPECT_EQ(r[1], std::to_string(d.timestamp)) << i;
-    char type[8];
-    std::snprintf(type, sizeof type, "0x%04x", unsigned(records[i].bytes[24] << 8 | records[i].bytes[25]));
-    EXPECT_EQ(r[2], type) << i;
-    std::ostringstream src;
-    src << d.flow.srcIp;
-    EXPECT_EQ(d.flow.srcIp.isV6() ? r[4] : r[3], src.str()) << i;
-    EXPECT_EQ(d.flow.ipProto == 6 ? r[5] : r[6], std::to_string(d.flow.srcPort)) << i;
-    if (!d.flow.vlanTags.empty()) {
-      EXPECT_EQ(r[7], std::to_string(d.flow.vlanTags[0] & 0x0fff)) << i;
+  for (char const* tags : {"0", "1", "2"}) {
+    SCOPED_TRACE(std::string("VLAN tags: ") + tags);
+    std::string const path = dir + "/drops-" + tags + ".pcap";
+    auto const gen =
+        Calyx::Test::programRun("mod-gen", {"--out", path, "--flows", "6", "--vlan-tags", tags, "--family",
+                                            "mixed", "--proto", "mixed", "--seed", "11"});
+    ASSERT_EQ(gen.status, 0) << gen.err;
+    auto const rows = tshark(path, {"mod.size", "mod.timestamp", "mod.ethertype", "ip.src", "ipv6.src",
+                                    "tcp.srcport", "udp.dstport", "vlan.id"});
+    auto const records = Calyx::Test::pcapRecords(path);
+    ASSERT_EQ(rows.size(), records.size());
+    for (size_t i = 0; i < rows.size(); ++i) {
+      auto const d = Calyx::Test::readMirrored(records[i].bytes);
+      ASSERT_EQ(d.rejection, "") << i;
+      ASSERT_EQ(d.flow.vlanTags.size(), size_t(tags[0] - '0')) << i;
+      auto const& r = rows[i];
+      EXPECT_EQ(r[0], std::to_string(d.packetSize)) << i;
+      EXPECT_EQ(r[1], std::to_string(d.timestamp)) << i;
+      char const* inner = d.flow.vlanTags.empty() ? (d.flow.srcIp.isV6() ? "0x86dd" : "0x0800") : "0x8100";
+      EXPECT_EQ(r[2], inner) << i;
+      EXPECT_EQ(r[d.flow.srcIp.isV6() ? 4 : 3], std::string(d.flow.srcIp.stringValue())) << i;
+      EXPECT_EQ(d.flow.ipProto == 6 ? r[5] : r[6],
+                std::to_string(d.flow.ipProto == 6 ? d.flow.srcPort : d.flow.dstPort))
+          << i;
+      std::string ids;
+      for (uint16_t tag : d.flow.vlanTags) ids += (ids.empty() ? "" : ",") + std::to_string(tag & 0x0fff);
+      EXPECT_EQ(r[7], ids) << i;
     }
   }
 }
 
-// Ethernet / IPv4 / UDP to port 6343 around a report packet: the type byte, then the report as stored.
-std::vector<uint8_t> reportFrame(uint8_t type, MirrorOnDrop::Report::Report const& report) {
-  std::vector<uint8_t> payload{type};
-  payload.insert(payload.end(), report.bytes(), report.bytes() + 25 + report.dataSize());
-  std::vector<uint8_t> f = {2, 0, 0, 0, 0, 1, 2, 0, 0, 0, 0, 2, 0x08, 0x00};
-  std::vector<uint8_t> ip(20, 0);
-  ip[0] = 0x45;
-  uint16_t const total = uint16_t(20 + 8 + payload.size());
-  ip[2] = uint8_t(total >> 8), ip[3] = uint8_t(total), ip[8] = 64, ip[9] = 17;
-  ip[12] = 127, ip[15] = 1, ip[16] = 127, ip[19] = 1;
-  ip4ChecksumFill(ip.data());
-  uint16_t const udpLength = uint16_t(8 + payload.size());
-  std::vector<uint8_t> udp = {0x9c, 0x40, 0x18, 0xc7, uint8_t(udpLength >> 8), uint8_t(udpLength), 0, 0};
-  f.insert(f.end(), ip.begin(), ip.end());
-  f.insert(f.end(), udp.begin(), udp.end());
-  f.insert(f.end(), payload.begin(), payload.end());
-  return f;
+TEST_F(WiresharkDissectorTest, ReportDatagramsDecodeEveryFieldAndTheSampleAsAFrame) {
+  DropFlow const dropped{*EthAddr::parse("00:00:5e:00:53:01"),
+                         *EthAddr::parse("00:00:5e:00:53:02"),
+                         {},
+                         ip("10.1.2.3"),
+                         ip("10.4.5.6"),
+                         6,
+                         1234,
+                         80};
+  auto const sample = DropFrameBuilder::droppedFrame(dropped, 200);
+  // A timestamp of eight distinct bytes, beyond what a double holds exactly, and reason words with high bits.
+  uint64_t const timestamp = 0x0102030405060708;
+  struct Case {
+    uint8_t type;
+    uint8_t size;
+    char const* sender;
+  } const cases[] = {{0, 0, "192.0.2.1"}, {1, 60, "192.0.2.1"}, {0, 80, "192.0.2.1"}, {1, 80, "2001:db8::1"}};
+  std::vector<std::vector<uint8_t>> frames;
+  for (size_t i = 0; i < std::size(cases); ++i) {
+    Report r(MirrorOnDrop::Drop::Timestamp(timestamp + i),
+             MirrorOnDrop::Drop::Reason(1, 0x80000000, 0xdeadbeef, uint32_t(i)), 0);
+    r.payloadIs(sample.data(), cases[i].size);
+    IpGenAddr const sender = ip(cases[i].sender);
+    IpGenAddr const collector = ip(sender.isV6() ? "2001:db8::2" : "192.0.2.2");
+    frames.push_back(datagram(sender, collector, 6343, reportPacket(cases[i].type, r)));
+  }
+  auto const rows = tshark(capture(frames),
+                           {"modreport.type", "modreport.timestamp", "modreport.reason", "modreport.datasize",
+                            "ip.src", "tcp.srcport", "_ws.col.Source", "_ws.col.Info"});
+  ASSERT_EQ(rows.size(), std::size(cases));
+  for (size_t i = 0; i < rows.size(); ++i) {
+    auto const& r = rows[i];
+    bool const v6 = ip(cases[i].sender).isV6();
+    EXPECT_EQ(r[0], std::to_string(cases[i].type)) << i;
+    EXPECT_EQ(r[1], std::to_string(timestamp + i)) << i;
+    EXPECT_EQ(r[2], "0000000180000000deadbeef0000000" + std::to_string(i)) << i;
+    EXPECT_EQ(r[3], std::to_string(cases[i].size)) << i;
+    // The sample is decoded as the dropped frame, behind the datagram's own IPv4 header if it has one.
+    std::string const outer = v6 ? "" : std::string(cases[i].sender);
+    EXPECT_EQ(r[4], cases[i].size ? outer + (v6 ? "" : ",") + "10.1.2.3" : outer) << i;
+    EXPECT_EQ(r[5], cases[i].size ? "1234" : "") << i;
+    // The packet list keeps the report's sender and summary, not the sample's.
+    EXPECT_EQ(r[6], cases[i].sender) << i;
+    EXPECT_EQ(r[7], std::string(cases[i].type ? "STOP" : "START") + " report, timestamp " +
+                        std::to_string(timestamp + i) + ", sample " + std::to_string(cases[i].size) +
+                        " bytes")
+        << i;
+  }
 }
 
-TEST_F(WiresharkDissectorTest, ReportDatagramsDecodeEveryField) {
-  using MirrorOnDrop::Report::Report;
-  std::string const capture = dir + "/reports.pcap";
-  PcapFileWriter writer;
-  ASSERT_TRUE(writer.open(capture)) << writer.error();
-  // Samples of 0, 60 and 80 bytes: the first bytes of a dropped Ethernet/IPv4 frame from 10.1.2.3.
-  std::vector<uint8_t> sample = {0, 0, 0x5e, 0, 0x53, 1, 0, 0, 0x5e, 0, 0x53, 2, 0x08, 0x00, 0x45, 0, 0, 60};
-  sample.resize(80, 0);
-  sample[14 + 9] = 6, sample[14 + 12] = 10, sample[14 + 13] = 1, sample[14 + 14] = 2, sample[14 + 15] = 3;
-  uint8_t const sizes[] = {0, 60, 80};
-  for (size_t i = 0; i < 3; ++i) {
-    Report r(MirrorOnDrop::Drop::Timestamp(1000 + i), MirrorOnDrop::Drop::Reason(1, 2, 3, 0xff), 0);
-    r.payloadIs(sample.data(), sizes[i]);
-    ASSERT_TRUE(writer.write(reportFrame(uint8_t(i % 2), r), 1700000000.0 + double(i)));
-  }
-  ASSERT_TRUE(writer.close());
+TEST_F(WiresharkDissectorTest, MalformedPacketsAreMarkedAndTheirSamplesLeftAlone) {
+  DropFlow const flow{{}, {}, {}, ip("10.1.2.3"), ip("10.4.5.6"), 6, 1234, 80};
+  IpGenAddr const sender = ip("192.0.2.1"), collector = ip("192.0.2.2");
+  Report full(MirrorOnDrop::Drop::Timestamp(7), MirrorOnDrop::Drop::Reason(), 0);
+  auto const sample = DropFrameBuilder::droppedFrame(flow, 200);
+  full.payloadIs(sample.data(), 80);
+  auto tooBig = reportPacket(0, full);
+  tooBig[Report::kDataSizeOffset + 1] = 81;
+  tooBig.push_back(0);
+  auto beyond = reportPacket(0, full);
+  beyond.resize(beyond.size() - 1);
   auto const rows =
-      tshark(capture, {"modreport.type", "modreport.timestamp", "modreport.datasize", "modreport.reason"});
-  ASSERT_EQ(rows.size(), 3u);
-  for (size_t i = 0; i < 3; ++i) {
-    EXPECT_EQ(rows[i][0], std::to_string(i % 2)) << i;  // START, STOP, START
-    EXPECT_EQ(rows[i][1], std::to_string(1000 + i)) << i;
-    EXPECT_EQ(rows[i][2], std::to_string(sizes[i])) << i;
-    EXPECT_EQ(rows[i][3], "000000010000000200000003000000ff") << i;
-  }
-  // The sample is decoded as an Ethernet frame: the last IPv4 source of a report with a sample is the dropped
-  // packet's, behind the datagram's own.
-  auto const sources = tshark(capture, {"ip.src"}, "a");
-  EXPECT_EQ(sources[0][0], "127.0.0.1");
-  EXPECT_EQ(sources[1][0], "127.0.0.1,10.1.2.3");
-  EXPECT_EQ(sources[2][0], "127.0.0.1,10.1.2.3");
+      tshark(capture({DropFrameBuilder::malformedFrame(MalformedKind::undersizedEthernet, flow, 1),
+                      datagram(sender, collector, 6343, std::vector<uint8_t>(25, 0)),
+                      datagram(sender, collector, 6343, tooBig), datagram(sender, collector, 6343, beyond)}),
+             {"mod.short", "modreport.short", "modreport.size", "tcp.srcport"});
+  ASSERT_EQ(rows.size(), 4u);
+  EXPECT_EQ(rows[0], (std::vector<std::string>{"1", "", "", ""}));  // 6 of the header's 12 bytes
+  EXPECT_EQ(rows[1], (std::vector<std::string>{"", "1", "", ""}));  // 25 of the report's 26 bytes
+  EXPECT_EQ(rows[2], (std::vector<std::string>{"", "", "1", ""}));  // 81 bytes of sample
+  EXPECT_EQ(rows[3], (std::vector<std::string>{"", "", "1", ""}));  // 80 bytes said, 79 there
+}
+
+TEST_F(WiresharkDissectorTest, TheReportPortIsAPreference) {
+  Report r(MirrorOnDrop::Drop::Timestamp(5), MirrorOnDrop::Drop::Reason(), 0);
+  std::string const path = capture({datagram(ip("192.0.2.1"), ip("192.0.2.2"), 6343, reportPacket(0, r)),
+                                    datagram(ip("192.0.2.1"), ip("192.0.2.2"), 9999, reportPacket(1, r))});
+  EXPECT_EQ(tshark(path, {"modreport.type"}), (std::vector<std::vector<std::string>>{{"0"}, {""}}));
+  // A changed port takes the dissector off the old one.
+  EXPECT_EQ(tshark(path, {"modreport.type"}, {"-o", "modreport.port:9999"}),
+            (std::vector<std::vector<std::string>>{{""}, {"1"}}));
 }
 
 }  // namespace
