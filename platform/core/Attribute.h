@@ -11,15 +11,23 @@
 //     };
 //     int size() const { return size_; }
 //     void sizeIs(int s) { attributeIs(size_, s, &Reactor::handleSize); }
-//     Collection<Widget, String, Part> part{&Reactor::handlePart};
+//     std::optional<Part> part(String const& name) const { return part_.get(name); }
+//     void partIs(String const& name, Part const& p) { part_.is(*this, name, p); }
+//     CALYX_COLLECTION_ACCESSORS(part, String);  // partCount/First/Next/Del/DelAll
 //    private:
 //     int size_ = 0;
+//     Collection<Widget, String, Part> part_{&Reactor::handlePart};
 //   };
 //
 // attributeIs (in Notifier) stores a value and notifies only when it changed; counterInc adds modulo 2^64 and
 // notifies only when the sum differs; Collection is a keyed collection attribute that notifies per key on
 // every member added, changed or removed, walks in key order (next() survives changes made during a walk) and
 // finds or creates a member.
+//
+// A collection's look-up and setter carry its own meaning (a copy or nullopt, a pointer or null, presence;
+// a null pointer that deletes, find-or-create), so the entity writes them out. Its walk and deletes are the
+// same in every entity: CALYX_COLLECTION_ACCESSORS(x, Key) declares xCount(), xFirst(), xNext(after),
+// xDel(key) and xDelAll() over the member x_.
 
 #include <cstddef>
 #include <optional>
@@ -44,6 +52,10 @@ class Collection {
     if (!items_.is(key, std::move(value))) return false;
     owner.notify(handler_, key);
     return true;
+  }
+  // The same, except that a null pointer deletes key (for collections of pointers).
+  bool isOrDel(E const& owner, K const& key, V value) {
+    return value ? is(owner, key, std::move(value)) : del(owner, key);
   }
   bool del(E const& owner, K const& key) {
     if (!items_.del(key)) return false;
@@ -86,3 +98,23 @@ class Collection {
 };
 
 }  // namespace Calyx
+
+// The walk and the deletes of the collection attribute name##_ (a Collection keyed by Key), under the
+// entity's accessor names. Used inside the entity's public section, followed by a semicolon.
+#define CALYX_COLLECTION_ACCESSORS(name, Key)             \
+  size_t name##Count() const {                            \
+    return name##_.count();                               \
+  }                                                       \
+  std::optional<Key> name##First() const {                \
+    return name##_.first();                               \
+  }                                                       \
+  std::optional<Key> name##Next(Key const& after) const { \
+    return name##_.next(after);                           \
+  }                                                       \
+  void name##Del(Key const& key) {                        \
+    name##_.del(*this, key);                              \
+  }                                                       \
+  void name##DelAll() {                                   \
+    name##_.delAll(*this);                                \
+  }                                                       \
+  static_assert(true)

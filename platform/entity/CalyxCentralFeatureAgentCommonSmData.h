@@ -20,12 +20,8 @@ class FeatureAgentCommonSmData : public Object, public Notifier<FeatureAgentComm
   };
 
   bool intf(IntfId const& intfId) const { return intf_.has(intfId); }
-  size_t intfCount() const { return intf_.count(); }
-  std::optional<IntfId> intfFirst() const { return intf_.first(); }
-  std::optional<IntfId> intfNext(IntfId const& after) const { return intf_.next(after); }
   void intfIs(IntfId const& intfId) { intf_.is(*this, intfId, true); }
-  void intfDel(IntfId const& intfId) { intf_.del(*this, intfId); }
-  void intfDelAll() { intf_.delAll(*this); }
+  CALYX_COLLECTION_ACCESSORS(intf, IntfId);
 
  private:
   Collection<FeatureAgentCommonSmData, IntfId, bool> intf_{&Reactor::handleIntf};

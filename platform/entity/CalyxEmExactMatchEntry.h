@@ -45,12 +45,8 @@ class ExactMatchEntryConfig : public Object, public Notifier<ExactMatchEntryConf
   IpGenAddr::Family af() const { return af_; }
 
   std::optional<ExactMatchAction> config(ExactMatchKey const& key) const { return config_.get(key); }
-  size_t configCount() const { return config_.count(); }
-  std::optional<ExactMatchKey> configFirst() const { return config_.first(); }
-  std::optional<ExactMatchKey> configNext(ExactMatchKey const& after) const { return config_.next(after); }
   void configIs(ExactMatchKey const& key, ExactMatchAction const& action) { config_.is(*this, key, action); }
-  void configDel(ExactMatchKey const& key) { config_.del(*this, key); }
-  void configDelAll() { config_.delAll(*this); }
+  CALYX_COLLECTION_ACCESSORS(config, ExactMatchKey);
 
  private:
   IpGenAddr::Family af_;
@@ -70,11 +66,8 @@ class ExactMatchEntryStatus : public Object, public Notifier<ExactMatchEntryStat
 
   // True when the entry is installed; nullopt when the hardware does not know the entry.
   std::optional<bool> status(ExactMatchKey const& key) const { return status_.get(key); }
-  size_t statusCount() const { return status_.count(); }
-  std::optional<ExactMatchKey> statusFirst() const { return status_.first(); }
-  std::optional<ExactMatchKey> statusNext(ExactMatchKey const& after) const { return status_.next(after); }
   void statusIs(ExactMatchKey const& key, bool installed) { status_.is(*this, key, installed); }
-  void statusDel(ExactMatchKey const& key) { status_.del(*this, key); }
+  CALYX_COLLECTION_ACCESSORS(status, ExactMatchKey);
 
  private:
   IpGenAddr::Family af_;

@@ -21,14 +21,11 @@ class Dir : public Object, public Notifier<Dir> {
 
   // The child of that name, or null; ordered by name.
   Ptr<Dir> entry(String const& name) const { return entry_.value(name); }
-  size_t entryCount() const { return entry_.count(); }
-  std::optional<String> entryFirst() const { return entry_.first(); }
-  std::optional<String> entryNext(String const& after) const { return entry_.next(after); }
   // Makes the child (or returns the one there is).
   Ptr<Dir> entryIs(String const& name) {
     return entry_.findOrCreate(*this, name, [&] { return make<Dir>(name); });
   }
-  void entryDel(String const& name) { entry_.del(*this, name); }
+  CALYX_COLLECTION_ACCESSORS(entry, String);
 
  protected:
   ~Dir() override = default;

@@ -40,14 +40,9 @@ class TrackerConfig : public Object, public Notifier<TrackerConfig> {
 
   Ptr<ExporterConfig const> exporter(String const& name) const { return exporter_.value(name); }
   Ptr<ExporterConfig> exporter(String const& name) { return exporter_.value(name); }
-  size_t exporterCount() const { return exporter_.count(); }
-  std::optional<String> exporterFirst() const { return exporter_.first(); }
-  std::optional<String> exporterNext(String const& after) const { return exporter_.next(after); }
   // A null exporter deletes the entry.
-  void exporterIs(String const& name, Ptr<ExporterConfig> e) {
-    e ? void(exporter_.is(*this, name, std::move(e))) : exporterDel(name);
-  }
-  void exporterDel(String const& name) { exporter_.del(*this, name); }
+  void exporterIs(String const& name, Ptr<ExporterConfig> e) { exporter_.isOrDel(*this, name, std::move(e)); }
+  CALYX_COLLECTION_ACCESSORS(exporter, String);
 
  protected:
   ~TrackerConfig() override = default;
@@ -73,14 +68,9 @@ class Config : public Object, public Notifier<Config> {
 
   Ptr<TrackerConfig const> tracker(String const& name) const { return tracker_.value(name); }
   Ptr<TrackerConfig> tracker(String const& name) { return tracker_.value(name); }
-  size_t trackerCount() const { return tracker_.count(); }
-  std::optional<String> trackerFirst() const { return tracker_.first(); }
-  std::optional<String> trackerNext(String const& after) const { return tracker_.next(after); }
   // A null tracker deletes the entry.
-  void trackerIs(String const& name, Ptr<TrackerConfig> t) {
-    t ? void(tracker_.is(*this, name, std::move(t))) : trackerDel(name);
-  }
-  void trackerDel(String const& name) { tracker_.del(*this, name); }
+  void trackerIs(String const& name, Ptr<TrackerConfig> t) { tracker_.isOrDel(*this, name, std::move(t)); }
+  CALYX_COLLECTION_ACCESSORS(tracker, String);
 
  private:
   bool enabled_ = false;

@@ -19,11 +19,8 @@ class Status : public Object, public Notifier<Status> {
 
   // True when the hardware runs the tracker; nullopt when it is not configured.
   std::optional<bool> trackerInHardware(String const& name) const { return tracker_.get(name); }
-  size_t trackerCount() const { return tracker_.count(); }
-  std::optional<String> trackerFirst() const { return tracker_.first(); }
-  std::optional<String> trackerNext(String const& after) const { return tracker_.next(after); }
   void trackerIs(String const& name, bool inHardware) { tracker_.is(*this, name, inHardware); }
-  void trackerDel(String const& name) { tracker_.del(*this, name); }
+  CALYX_COLLECTION_ACCESSORS(tracker, String);
 
  private:
   Collection<Status, String, bool> tracker_{&Reactor::handleTracker};

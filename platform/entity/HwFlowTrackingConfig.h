@@ -20,15 +20,11 @@ class Config : public Object, public Notifier<Config> {
   // The tracker of that name, or null. Ordered walk by name.
   Ptr<FtConfig const> hwFtConfig(String const& name) const { return hwFtConfig_.value(name); }
   Ptr<FtConfig> hwFtConfig(String const& name) { return hwFtConfig_.value(name); }
-  size_t hwFtConfigCount() const { return hwFtConfig_.count(); }
-  std::optional<String> hwFtConfigFirst() const { return hwFtConfig_.first(); }
-  std::optional<String> hwFtConfigNext(String const& after) const { return hwFtConfig_.next(after); }
   // A null tracker deletes the entry.
   void hwFtConfigIs(String const& name, Ptr<FtConfig> tracker) {
-    tracker ? void(hwFtConfig_.is(*this, name, std::move(tracker))) : hwFtConfigDel(name);
+    hwFtConfig_.isOrDel(*this, name, std::move(tracker));
   }
-  void hwFtConfigDel(String const& name) { hwFtConfig_.del(*this, name); }
-  void hwFtConfigDelAll() { hwFtConfig_.delAll(*this); }
+  CALYX_COLLECTION_ACCESSORS(hwFtConfig, String);
 
  private:
   Collection<Config, String, Ptr<FtConfig>> hwFtConfig_{&Reactor::handleHwFtConfig};

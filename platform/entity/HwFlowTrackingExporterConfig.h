@@ -42,31 +42,19 @@ class ExporterConfig : public Object, public Notifier<ExporterConfig> {
   std::optional<IpAndPort> collectorIpAndPort(String const& name) const {
     return collectorIpAndPort_.get(name);
   }
-  size_t collectorIpAndPortCount() const { return collectorIpAndPort_.count(); }
-  std::optional<String> collectorIpAndPortFirst() const { return collectorIpAndPort_.first(); }
-  std::optional<String> collectorIpAndPortNext(String const& after) const {
-    return collectorIpAndPort_.next(after);
-  }
   void collectorIpAndPortIs(String const& name, IpAndPort const& c) {
     collectorIpAndPort_.is(*this, name, c);
   }
-  void collectorIpAndPortDel(String const& name) { collectorIpAndPort_.del(*this, name); }
-  void collectorIpAndPortDelAll() { collectorIpAndPort_.delAll(*this); }
+  CALYX_COLLECTION_ACCESSORS(collectorIpAndPort, String);
 
   // IPv6 collectors, the same way.
   std::optional<IpAndPort> collectorIp6AndPort(String const& name) const {
     return collectorIp6AndPort_.get(name);
   }
-  size_t collectorIp6AndPortCount() const { return collectorIp6AndPort_.count(); }
-  std::optional<String> collectorIp6AndPortFirst() const { return collectorIp6AndPort_.first(); }
-  std::optional<String> collectorIp6AndPortNext(String const& after) const {
-    return collectorIp6AndPort_.next(after);
-  }
   void collectorIp6AndPortIs(String const& name, IpAndPort const& c) {
     collectorIp6AndPort_.is(*this, name, c);
   }
-  void collectorIp6AndPortDel(String const& name) { collectorIp6AndPort_.del(*this, name); }
-  void collectorIp6AndPortDelAll() { collectorIp6AndPort_.delAll(*this); }
+  CALYX_COLLECTION_ACCESSORS(collectorIp6AndPort, String);
 
  protected:
   ~ExporterConfig() override = default;

@@ -39,15 +39,11 @@ class FtConfig : public Object, public Notifier<FtConfig> {
   // The exporter of that name, or null; ordered by name.
   Ptr<ExporterConfig const> expConfig(String const& name) const { return expConfig_.value(name); }
   Ptr<ExporterConfig> expConfig(String const& name) { return expConfig_.value(name); }
-  size_t expConfigCount() const { return expConfig_.count(); }
-  std::optional<String> expConfigFirst() const { return expConfig_.first(); }
-  std::optional<String> expConfigNext(String const& after) const { return expConfig_.next(after); }
   // A null exporter deletes the entry.
   void expConfigIs(String const& name, Ptr<ExporterConfig> e) {
-    e ? void(expConfig_.is(*this, name, std::move(e))) : expConfigDel(name);
+    expConfig_.isOrDel(*this, name, std::move(e));
   }
-  void expConfigDel(String const& name) { expConfig_.del(*this, name); }
-  void expConfigDelAll() { expConfig_.delAll(*this); }
+  CALYX_COLLECTION_ACCESSORS(expConfig, String);
 
  protected:
   ~FtConfig() override = default;

@@ -20,15 +20,11 @@ class Status : public Object, public Notifier<Status> {
   // The tracker's status, or null; ordered by name.
   Ptr<FtStatus const> hwFtStatus(String const& name) const { return hwFtStatus_.value(name); }
   Ptr<FtStatus> hwFtStatus(String const& name) { return hwFtStatus_.value(name); }
-  size_t hwFtStatusCount() const { return hwFtStatus_.count(); }
-  std::optional<String> hwFtStatusFirst() const { return hwFtStatus_.first(); }
-  std::optional<String> hwFtStatusNext(String const& after) const { return hwFtStatus_.next(after); }
   // Creates the status named so (default intervals) or returns the existing one.
   Ptr<FtStatus> hwFtStatusIs(String const& name) {
     return hwFtStatus_.findOrCreate(*this, name, [&] { return make<FtStatus>(name); });
   }
-  void hwFtStatusDel(String const& name) { hwFtStatus_.del(*this, name); }
-  void hwFtStatusDelAll() { hwFtStatus_.delAll(*this); }
+  CALYX_COLLECTION_ACCESSORS(hwFtStatus, String);
 
  private:
   Collection<Status, String, Ptr<FtStatus>> hwFtStatus_{&Reactor::handleHwFtStatus};

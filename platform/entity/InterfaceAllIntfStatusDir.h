@@ -25,12 +25,8 @@ class AllIntfStatusDir : public Object, public Notifier<AllIntfStatusDir> {
   };
 
   std::optional<IntfStatus> intfStatus(IntfId const& intfId) const { return intfStatus_.get(intfId); }
-  size_t intfStatusCount() const { return intfStatus_.count(); }
-  std::optional<IntfId> intfStatusFirst() const { return intfStatus_.first(); }
-  std::optional<IntfId> intfStatusNext(IntfId const& after) const { return intfStatus_.next(after); }
   void intfStatusIs(IntfId const& intfId, IntfStatus const& status) { intfStatus_.is(*this, intfId, status); }
-  void intfStatusDel(IntfId const& intfId) { intfStatus_.del(*this, intfId); }
-  void intfStatusDelAll() { intfStatus_.delAll(*this); }
+  CALYX_COLLECTION_ACCESSORS(intfStatus, IntfId);
 
  private:
   Collection<AllIntfStatusDir, IntfId, IntfStatus> intfStatus_{&Reactor::handleIntfStatus};

@@ -22,15 +22,11 @@ class EthDevPamCollection : public Object, public Notifier<EthDevPamCollection> 
 
   // The interface's module, or null.
   Ptr<Pam const> intfPam(IntfId const& intfId) const { return intfPam_.value(intfId); }
-  size_t intfPamCount() const { return intfPam_.count(); }
-  std::optional<IntfId> intfPamFirst() const { return intfPam_.first(); }
-  std::optional<IntfId> intfPamNext(IntfId const& after) const { return intfPam_.next(after); }
   // A null module deletes the entry.
   void intfPamIs(IntfId const& intfId, Ptr<Pam const> pam) {
-    pam ? void(intfPam_.is(*this, intfId, std::move(pam))) : intfPamDel(intfId);
+    intfPam_.isOrDel(*this, intfId, std::move(pam));
   }
-  void intfPamDel(IntfId const& intfId) { intfPam_.del(*this, intfId); }
-  void intfPamDelAll() { intfPam_.delAll(*this); }
+  CALYX_COLLECTION_ACCESSORS(intfPam, IntfId);
 
  private:
   Collection<EthDevPamCollection, IntfId, Ptr<Pam const>> intfPam_{&Reactor::handleIntfPam};

@@ -22,12 +22,8 @@ class PamDesiredIntfDir : public Object, public Notifier<PamDesiredIntfDir> {
   // True when the entry exists and is set.
   bool intfDesired(IntfId const& intfId) const { return intfDesired_.value(intfId); }
   bool intfDesiredHas(IntfId const& intfId) const { return intfDesired_.has(intfId); }
-  size_t intfDesiredCount() const { return intfDesired_.count(); }
-  std::optional<IntfId> intfDesiredFirst() const { return intfDesired_.first(); }
-  std::optional<IntfId> intfDesiredNext(IntfId const& after) const { return intfDesired_.next(after); }
   void intfDesiredIs(IntfId const& intfId, bool desired) { intfDesired_.is(*this, intfId, desired); }
-  void intfDesiredDel(IntfId const& intfId) { intfDesired_.del(*this, intfId); }
-  void intfDesiredDelAll() { intfDesired_.delAll(*this); }
+  CALYX_COLLECTION_ACCESSORS(intfDesired, IntfId);
 
  private:
   Collection<PamDesiredIntfDir, IntfId, bool> intfDesired_{&Reactor::handleIntfDesired};

@@ -27,12 +27,8 @@ class Status : public Object, public Notifier<Status> {
   };
 
   std::optional<KernelIntf> kernelIntf(IntfId const& intfId) const { return kernelIntf_.get(intfId); }
-  size_t kernelIntfCount() const { return kernelIntf_.count(); }
-  std::optional<IntfId> kernelIntfFirst() const { return kernelIntf_.first(); }
-  std::optional<IntfId> kernelIntfNext(IntfId const& after) const { return kernelIntf_.next(after); }
   void kernelIntfIs(IntfId const& intfId, KernelIntf const& intf) { kernelIntf_.is(*this, intfId, intf); }
-  void kernelIntfDel(IntfId const& intfId) { kernelIntf_.del(*this, intfId); }
-  void kernelIntfDelAll() { kernelIntf_.delAll(*this); }
+  CALYX_COLLECTION_ACCESSORS(kernelIntf, IntfId);
 
  private:
   Collection<Status, IntfId, KernelIntf> kernelIntf_{&Reactor::handleKernelIntf};

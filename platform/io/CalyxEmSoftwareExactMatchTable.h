@@ -2,8 +2,7 @@
 // CalyxEm::SoftwareExactMatchTable: the chip's exact-match table of one address family, done in software on
 // this host. It follows an ExactMatchEntryConfig and writes the matching ExactMatchEntryStatus:
 // - a configured entry is installed installDelay seconds later (on the loop's timers), when the table has
-// room;
-//   until then its status says not installed;
+//   room; until then its status says not installed;
 // - an entry beyond the capacity stays uninstalled, with a trace line naming the table's occupancy and size,
 //   and is installed, oldest first, as soon as room frees up;
 // - a removed entry leaves the table and the status at once; a changed one (another interface set) stays as

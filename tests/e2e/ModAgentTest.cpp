@@ -255,6 +255,27 @@ TEST_F(ModAgentTest, ReloadAppliesOnlyTheDifferencesAndKeepsTheRunningConfigurat
   write("agent.toml", config("max", "t2", "active_interval = 0.3\ninactive_timeout = 0.5\n"));
   agent.signal(SIGHUP);
   ASSERT_TRUE(agent.waitForErr("Updating intervals: active = 0.3s, inactive = 0.5s.", 5)) << agent.err();
+  // A collector added, then removed: its counter entry follows.
+  auto const collectorNames = [&] {
+    std::set<std::string> names;
+    auto reader =
+        SharedTableReader<MirrorOnDrop::Collector::Key, MirrorOnDrop::Collector::EntryStatus>::forTable(
+            "collectorStatus", state.path());
+    for (auto const& e : reader.snapshot()) names.insert(e.key().collector());
+    return names;
+  };
+  auto const waitFor = [&](std::set<std::string> const& expected) {
+    for (int i = 0; i < 300 && collectorNames() != expected; ++i) usleep(10000);
+    return collectorNames();
+  };
+  std::string withC3 = config("max", "t2", "active_interval = 0.3\ninactive_timeout = 0.5\n");
+  withC3.replace(withC3.find(" }\n[trace]"), 3, ", c3 = \"127.0.0.1:9\" }\n");
+  write("agent.toml", withC3);
+  agent.signal(SIGHUP);
+  EXPECT_EQ(waitFor({"c1", "c2", "c3"}), (std::set<std::string>{"c1", "c2", "c3"})) << agent.err();
+  write("agent.toml", config("max", "t2", "active_interval = 0.3\ninactive_timeout = 0.5\n"));
+  agent.signal(SIGHUP);
+  EXPECT_EQ(waitFor({"c1", "c2"}), (std::set<std::string>{"c1", "c2"})) << agent.err();
   write("agent.toml", config("max", "t2", intervals, "drops.pcap", false));
   agent.signal(SIGHUP);
   ASSERT_TRUE(

@@ -112,6 +112,30 @@ TEST_F(AdapterSmTest, EntriesPastTheCapacityWaitForRoom) {
   }
   EXPECT_EQ(hw4->installedCount(), 2u);
   EXPECT_EQ(hw4->waitingCount(), 0u);
+  EXPECT_EQ(p.emtStatus->entryCount(), 2u);
+  p.emtStatus->forEachEntry([](Emt::EntryStatus const& e) { EXPECT_TRUE(e.isInstalled()) << e.key(); });
+}
+
+TEST_F(AdapterSmTest, QuickChangesAndARestartLeaveNoStrayHardwareEntries) {
+  start();
+  auto const flow = FeaturePipeline::flow(1);
+  p.drop(FeaturePipeline::kIntfA, {FeaturePipeline::frame(1, 1)});
+  capability->exactMatchSupportedIs(false);  // taken out within its install delay: never installed
+  p.loop->runFor(0.1);
+  EXPECT_EQ(hw4->installedCount(), 0u);
+  EXPECT_EQ(installed(flow, FeaturePipeline::kIntfA), false);
+  capability->exactMatchSupportedIs(true);
+  p.loop->runFor(0.1);
+  EXPECT_EQ(installed(flow, FeaturePipeline::kIntfA), true);
+  // An adapter that goes takes its entries with it; the next one picks up the requests still standing.
+  adapter = nullptr;
+  EXPECT_EQ(config4->configCount(), 0u);
+  EXPECT_EQ(p.emtStatus->entryCount(), 0u);
+  adapter = adapterSmFactory(capability, misc, p.emtConfig, p.emtStatus, status4, config4, status6, config6);
+  EXPECT_EQ(installed(flow, FeaturePipeline::kIntfA), false);
+  p.loop->runFor(0.1);
+  EXPECT_EQ(installed(flow, FeaturePipeline::kIntfA), true);
+  EXPECT_EQ(hw4->installedCount(), 1u);
 }
 
 TEST_F(AdapterSmTest, WithoutExactMatchNothingReachesTheHardwareAndReportsGoOn) {

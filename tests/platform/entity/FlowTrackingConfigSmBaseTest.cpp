@@ -98,4 +98,44 @@ TEST_F(ConfigSmBaseTest, ChangesGoThroughTheHardwareObjectsSetters) {
   EXPECT_EQ(agent->supportChanges, 1);
 }
 
+// Counts what reactors on the hardware tracker and its exporter hear.
+struct HwTrackerWatch : HwFlowTracking::FtConfig::Reactor {
+  using Reactor::Reactor;
+  void handleActiveInterval() override { ++intervals; }
+  int intervals = 0;
+};
+struct HwExporterWatch : HwFlowTracking::ExporterConfig::Reactor {
+  using Reactor::Reactor;
+  void handleDscp() override { ++dscps; }
+  void handleCollectorIpAndPort(String const& name) override { collectors.push_back(name); }
+  int dscps = 0;
+  std::vector<std::string> collectors;
+};
+
+TEST_F(ConfigSmBaseTest, ObjectsReplacedUnderTheSameNameAreFollowedAndOnlyRealChangesReachTheHardware) {
+  config->enabledIs(true);
+  config->trackerIs("t1", tracker("t1"));
+  auto agent = agentNew();
+  Ptr<HwFlowTracking::FtConfig> const hw = hwConfig->hwFtConfig("t1");
+  HwTrackerWatch trackerWatch(hw);
+  HwExporterWatch exporterWatch(hw->expConfig("e1"));
+
+  auto t1 = tracker("t1", 2000);  // a new object under the same name: the same hardware tracker, updated
+  config->trackerIs("t1", t1);
+  EXPECT_EQ(watch.seen, (std::vector<std::string>{"+t1"}));
+  EXPECT_EQ(trackerWatch.intervals, 1);
+  EXPECT_TRUE(exporterWatch.collectors.empty());  // same collector, same address: nothing to hear
+  t1->inactiveTimeoutIs(InactiveTimeout(30000));  // the new object is the one followed
+  EXPECT_EQ(hw->inactiveTimeout(), InactiveTimeout(30000));
+  EXPECT_EQ(trackerWatch.intervals, 1);
+
+  auto e1 = make<HwFlowTracking::ExporterConfig>("e1");
+  e1->collectorIpAndPortIs("c1", HwFlowTracking::IpAndPort(*IpGenAddr::parse("127.0.0.2"), 6343));
+  t1->exporterIs("e1", e1);
+  e1->dscpIs(DscpValue(8));
+  EXPECT_EQ(exporterWatch.collectors, (std::vector<std::string>{"c1"}));  // the address changed in place
+  EXPECT_EQ(exporterWatch.dscps, 1);
+  EXPECT_EQ(exporterWatch.notifier(), hw->expConfig("e1").get());
+}
+
 }  // namespace
