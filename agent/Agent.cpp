@@ -199,8 +199,18 @@ void Agent::reload() {
     for (auto const& e : errors) std::cerr << "  " << e << std::endl;
     return;
   }
-  if (fresh.stateDir != config_.stateDir) say("state_dir changes take effect at the next start");
-  fresh.stateDir = config_.stateDir;
+  // What the agent built at start (the state directory, the control socket, the exact-match tables) stays as
+  // it is; a change there is said, not silently dropped.
+  auto keep = [&](auto& freshValue, auto const& running, char const* key) {
+    if (freshValue == running) return;
+    say(std::string(key) + " changes take effect at the next start");
+    freshValue = running;
+  };
+  keep(fresh.stateDir, config_.stateDir, "state_dir");
+  keep(fresh.controlSocket, config_.controlSocket, "control_socket");
+  keep(fresh.exactMatchCapacityIpv4, config_.exactMatchCapacityIpv4, "exact_match_capacity_ipv4");
+  keep(fresh.exactMatchCapacityIpv6, config_.exactMatchCapacityIpv6, "exact_match_capacity_ipv6");
+  keep(fresh.exactMatchInstallDelay, config_.exactMatchInstallDelay, "exact_match_install_delay");
   if (fresh.replaying() != config_.replaying() || fresh.replayClock != config_.replayClock) {
     say("switching between live capture and replay takes effect at the next start");
     fresh.interfaces = config_.interfaces;

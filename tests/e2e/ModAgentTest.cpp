@@ -285,6 +285,13 @@ TEST_F(ModAgentTest, ReloadAppliesOnlyTheDifferencesAndKeepsTheRunningConfigurat
   agent.signal(SIGHUP);
   ASSERT_TRUE(
       agent.waitForErr("Turning ON Mirror-On-Drop feature: tracker = 't2', hardware support = TRUE.", 5));
+  std::string biggerTable = config("max", "t2", intervals);
+  biggerTable.replace(biggerTable.find("[capture]"), 0, "exact_match_capacity_ipv4 = 8\n");
+  write("agent.toml",
+        biggerTable);  // the tables were built at start: the change is said, not dropped silently
+  agent.signal(SIGHUP);
+  ASSERT_TRUE(agent.waitForErr("exact_match_capacity_ipv4 changes take effect at the next start", 5))
+      << agent.err();
   write("agent.toml", "[agent]\nstate_dir = 3\n");
   agent.signal(SIGHUP);
   ASSERT_TRUE(agent.waitForErr("failed; the running configuration stays", 5)) << agent.err();
