@@ -24,9 +24,7 @@ using MirrorOnDrop::Report::Report;
 
 namespace {
 
-std::string const kScript = (std::filesystem::path(__FILE__).parent_path().parent_path().parent_path() /
-                             "contrib/wireshark/mirror_on_drop.lua")
-                                .string();
+std::string const kScript = std::string(CALYX_SOURCE_DIR) + "/contrib/wireshark/mirror_on_drop.lua";
 
 std::vector<std::string> split(std::string const& text, char separator) {
   std::vector<std::string> parts;
