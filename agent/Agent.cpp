@@ -148,7 +148,8 @@ void Agent::runVirtual() {
     // interface whose 16-bit counter wrapped (65,536 flows) leaves entries that nothing removes.
     if (replayDone() && host_->reportStatus()->entryCount() == 0) {
       if (size_t const left = host_->emtConfig()->entryCount())
-        say(std::to_string(left) + " exact-match entries outlive their flows' STOP reports (their interface "
+        say(std::to_string(left) +
+            " exact-match entries outlive their flows' STOP reports (their interface "
             "had no flow counter left: a counter wraps at 65,536 flows)");
       break;
     }
@@ -177,6 +178,7 @@ void Agent::progress() {
   os << "replaying: " << x.counterReceivedPacket() << " frames, " << host_->reportStatus()->entryCount()
      << " live flows, " << x.counterSentStartReport() << " START and " << x.counterSentStopReport()
      << " STOP reports sent";
+  if (x.counterRefusedFlow() > 0) os << ", " << x.counterRefusedFlow() << " drops of new flows refused";
   say(os.str());
 }
 
@@ -192,8 +194,9 @@ void Agent::summary() const {
   std::ostringstream os;
   os << "summary: frames received " << x.counterReceivedPacket() << ", processed "
      << x.counterProcessedPacket() << ", rejected " << x.counterReceivedPacket() - x.counterProcessedPacket()
-     << "; flows " << x.counterSentStartReport() << "; reports START " << x.counterSentStartReport()
-     << ", STOP " << x.counterSentStopReport() << "; collector bytes " << bytes;
+     << "; flows " << x.counterSentStartReport() << ", flows refused " << x.counterRefusedFlow()
+     << "; reports START " << x.counterSentStartReport() << ", STOP " << x.counterSentStopReport()
+     << "; collector bytes " << bytes;
   if (bytes > 0) os << " (" << collectors.str() << ")";
   say(os.str());
 }

@@ -270,8 +270,13 @@ void documentRead(Reader& r, toml::table const& doc, AgentConfig& c) {
                                 [&](auto const& v, auto const& kk) {
                                   if (auto s = r.string(v, kk)) c.stateDir = *s;
                                 }},
-                               {"control_socket", [&](auto const& v, auto const& kk) {
+                               {"control_socket",
+                                [&](auto const& v, auto const& kk) {
                                   if (auto s = r.string(v, kk)) c.controlSocket = *s;
+                                }},
+                               {"max_flows", [&](auto const& v, auto const& kk) {
+                                  if (auto i = r.integer(v, kk, 0, int64_t(1) << 40))
+                                    c.maxFlows = uint64_t(*i);
                                 }}});
              }
            }},

@@ -67,6 +67,7 @@ std::string ControlService::answer(std::string const& request) {
             {{"received", x.counterReceivedPacket()},
              {"processed", x.counterProcessedPacket()},
              {"rejected", x.counterReceivedPacket() - x.counterProcessedPacket()},
+             {"refused_flows", x.counterRefusedFlow()},
              {"start_reports", x.counterSentStartReport()},
              {"stop_reports", x.counterSentStopReport()}}}};
     if (auto const& t = holder.hwFtConfig()) {

@@ -53,6 +53,9 @@ std::string metricsText(std::optional<Json> const& status, Json const& flows, Js
     w.sample("mod_frames_processed_total", c["processed"].get<uint64_t>());
     w.family("mod_frames_rejected_total", "counter", "Mirrored drop frames rejected by the parser.");
     w.sample("mod_frames_rejected_total", c["rejected"].get<uint64_t>());
+    w.family("mod_flows_refused_total", "counter",
+             "Drops of new flows refused: the agent's max_flows was reached or shared memory was full.");
+    w.sample("mod_flows_refused_total", c.value("refused_flows", uint64_t(0)));
     w.family("mod_reports_sent_total", "counter", "Reports sent, each to every collector, by type.");
     w.sample("mod_reports_sent_total", c["start_reports"].get<uint64_t>(), label("type", "start"));
     w.sample("mod_reports_sent_total", c["stop_reports"].get<uint64_t>(), label("type", "stop"));

@@ -58,9 +58,9 @@ void statusText(Modctl::Json const& r) {
   }
   auto const& c = r["counters"];
   std::cout << "frames: received " << c["received"] << ", processed " << c["processed"] << ", rejected "
-            << c["rejected"] << "\nreports sent: START " << c["start_reports"] << ", STOP "
-            << c["stop_reports"] << "\nuptime: " << int64_t(r["uptime"].get<double>()) << " s (pid "
-            << r["pid"] << ")\n";
+            << c["rejected"] << "\nflows refused: " << c.value("refused_flows", 0) << "\nreports sent: START "
+            << c["start_reports"] << ", STOP " << c["stop_reports"]
+            << "\nuptime: " << int64_t(r["uptime"].get<double>()) << " s (pid " << r["pid"] << ")\n";
 }
 
 }  // namespace
