@@ -11,8 +11,8 @@
 //
 // The chip writes size and timestamp little-endian and every EtherType big-endian; this mix is deliberate
 // here. The dropped frame is Ethernet, zero to two 802.1Q tags, IPv4 (correct header checksum) or IPv6, a TCP
-// or UDP header, then a byte pattern. Transport checksums are left zero: nothing that reads mirrored frames
-// checks them.
+// or UDP header, then a byte pattern. Transport checksums are those of the whole dropped frame, as its sender
+// computed them before the chip cut it.
 //
 // Malformed frames: one kind for every reason a reader rejects a mirrored frame, each built so that exactly
 // that check is the first to fail (e.g. a wrong IPv4 version comes with a correct checksum).

@@ -1,6 +1,7 @@
 // mod-gen: crafts mirrored drop frames into a pcap file or onto an interface. See --help.
 
 #include <chrono>
+#include <cmath>
 #include <cstdio>
 #include <random>
 #include <set>
@@ -108,10 +109,11 @@ class Output {
   std::chrono::steady_clock::time_point started_;
 };
 
-// The header timestamp of the index-th frame: its capture time in nanoseconds.
+// The header timestamp of the index-th frame: its capture time in nanoseconds. Summed in whole units, as a
+// double of nanoseconds since the epoch would round away the last digits (1700000000002000128).
 uint64_t timestampOf(ModGenOptions const& o, uint64_t index) {
   double const offset = o.rate > 0 ? double(index) / o.rate : 0.0;
-  return uint64_t((o.startTime + offset) * 1e9);
+  return uint64_t(std::llround(o.startTime * 1e6)) * 1000 + uint64_t(std::llround(offset * 1e9));
 }
 
 void count(Summary& s, DropFlow const& f, size_t bytes) {
