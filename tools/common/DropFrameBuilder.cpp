@@ -147,6 +147,24 @@ size_t mirroredIpOffset(DropFlow const& flow) {
   return 26 + 4 * flow.vlanTags.size();
 }
 
+// A frame of size bytes: headers, then the payload, then a byte pattern to the end; checksums last.
+std::vector<uint8_t> frameBuild(DropFlow const& flow, size_t size, std::span<uint8_t const> payload) {
+  std::vector<uint8_t> frame(size);
+  uint8_t* ip = writeL2(flow, frame.data());
+  size_t const ipBytes = size - l2Length(flow);
+  if (flow.srcIp.isV6()) {
+    writeIp6(flow, ip, ipBytes);
+  } else {
+    writeIp4(flow, ip, ipBytes);
+  }
+  writeTransport(flow, ip + ipLength(flow), ipBytes - ipLength(flow));
+  size_t const headers = l2Length(flow) + ipLength(flow) + transportLength(flow);
+  std::copy(payload.begin(), payload.end(), frame.begin() + long(headers));
+  for (size_t i = headers + payload.size(); i < size; ++i) frame[i] = uint8_t(i);
+  transportChecksumFill(flow, ip + ipLength(flow), ipBytes - ipLength(flow));
+  return frame;
+}
+
 }  // namespace
 
 std::array<MalformedKind, DropFrameBuilder::kMalformedKinds> const DropFrameBuilder::kAllMalformedKinds = [] {
@@ -160,19 +178,12 @@ size_t DropFrameBuilder::headersLength(DropFlow const& flow) {
 }
 
 std::vector<uint8_t> DropFrameBuilder::droppedFrame(DropFlow const& flow, size_t size) {
-  size = std::min(std::max(size, headersLength(flow)), kMaxFrame);
-  std::vector<uint8_t> frame(size);
-  uint8_t* ip = writeL2(flow, frame.data());
-  size_t const ipBytes = size - l2Length(flow);
-  if (flow.srcIp.isV6()) {
-    writeIp6(flow, ip, ipBytes);
-  } else {
-    writeIp4(flow, ip, ipBytes);
-  }
-  writeTransport(flow, ip + ipLength(flow), ipBytes - ipLength(flow));
-  for (size_t i = headersLength(flow); i < size; ++i) frame[i] = uint8_t(i);
-  transportChecksumFill(flow, ip + ipLength(flow), ipBytes - ipLength(flow));
-  return frame;
+  return frameBuild(flow, std::min(std::max(size, headersLength(flow)), kMaxFrame), {});
+}
+
+std::vector<uint8_t> DropFrameBuilder::udpDatagram(DropFlow flow, std::span<uint8_t const> payload) {
+  flow.ipProto = 17;
+  return frameBuild(flow, headersLength(flow) + payload.size(), payload);
 }
 
 std::vector<uint8_t> DropFrameBuilder::mirrored(std::span<uint8_t const> dropped, uint16_t packetSize,

@@ -73,6 +73,9 @@ class DropFrameBuilder {
   static size_t headersLength(DropFlow const& flow);
   // The dropped frame as it was on the wire (no FCS), max(size, headersLength(flow)) bytes long.
   static std::vector<uint8_t> droppedFrame(DropFlow const& flow, size_t size);
+  // A UDP datagram (whatever the flow's protocol) carrying payload, as an Ethernet frame with correct
+  // checksums: how tools put report packets into a capture file.
+  static std::vector<uint8_t> udpDatagram(DropFlow flow, std::span<uint8_t const> payload);
   // The chip's mirrored copy of a dropped frame (at least 14 bytes): its first cutLength bytes, with the
   // header.
   static std::vector<uint8_t> mirrored(std::span<uint8_t const> dropped, uint16_t packetSize,
