@@ -142,6 +142,11 @@ TEST_F(ModctlTest, EveryCommandLineIsAnsweredOrRefusedByName) {
       EXPECT_NE(r.out.find(c.out), std::string::npos) << what << "\n" << r.out;
     }
   }
+  // Every handle the agent has traced under is one modctl knows: a new handle must join the list.
+  auto const handles = json::parse(modctl({"trace", "show", "--json"}).out)["handles"];
+  EXPECT_GE(handles.size(), 5u);
+  for (auto const& [name, levels] : handles.items())
+    EXPECT_EQ(modctl({"trace", "set", name, levels.get<std::string>()}).status, 0) << name;
 }
 
 TEST_F(ModctlTest, FlowsAreFilteredSortedAndLimitedAsAsked) {

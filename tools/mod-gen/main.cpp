@@ -223,8 +223,10 @@ bool reportsEmit(ModGenOptions const& o, std::vector<DropFlow> const& flows, std
   for (uint8_t type : {uint8_t(0), uint8_t(1)}) {
     for (size_t i = 0; i < flows.size(); ++i) {
       Report const& r = reports[i];
-      std::vector<uint8_t> packet{type};
-      packet.insert(packet.end(), r.bytes(), r.bytes() + Report::kPayloadOffset + r.dataSize());
+      // The type byte, then the stored report up to the end of its sample.
+      std::vector<uint8_t> packet(1 + Report::kPayloadOffset + r.dataSize());
+      packet[0] = type;
+      std::copy(r.bytes(), r.bytes() + packet.size() - 1, packet.begin() + 1);
       bool const sent = o.collector.empty()
                             ? emit(DropFrameBuilder::udpDatagram(datagram, packet), packet.size())
                             : emit(packet, packet.size());

@@ -175,7 +175,7 @@ Examples:
   modctl --state-dir /dev/shm/mod-demo show collectors --json
   modctl clear counters e1
   modctl trace set MOD-Dispatcher 0-4
-  modctl metrics > /var/lib/node_exporter/textfile/mod.prom.$$ && mv ... (as a textfile collector)
+  modctl metrics > /var/lib/node_exporter/textfile/mod.prom
 
 Exit status: 0 done; 1 failed (a table or the agent could not be read); 2 bad command line; for what asks the
 agent: 3 mod-agent is not running, 4 permission denied on its control socket (whether it runs is unknown).)";
@@ -186,14 +186,15 @@ int main(int argc, char** argv) {
   CLI::App app{
       "modctl: shows what a Mirror-on-Drop agent holds and asks it to clear counters or change tracing.",
       "modctl"};
-  app.footer(kFooter);
   // Subcommands made from here on inherit both: modctl's own options are taken after a subcommand too, and
   // what CLI11 does not know comes back to leftoversRefused.
   app.fallthrough();
   app.allow_extras();
   Options o;
-  app.add_option("--state-dir", o.stateDir, "the agent's state directory (default /dev/shm/mirror-on-drop)");
-  app.add_option("--socket", o.socket, "the agent's control socket (default <state-dir>/mod-agent.sock)");
+  app.add_option("--state-dir", o.stateDir, "the agent's state directory (default /dev/shm/mirror-on-drop)")
+      ->type_name("DIR");
+  app.add_option("--socket", o.socket, "the agent's control socket (default <state-dir>/mod-agent.sock)")
+      ->type_name("PATH");
   app.add_flag("--json", o.json, "print one JSON object instead of text (every command but metrics)");
 
   Modctl::FlowQuery query;
@@ -201,30 +202,32 @@ int main(int argc, char** argv) {
   std::string sortKey;
   bool reverse = false;
   size_t limit = 0;
-  std::optional<Modctl::FlowQuery::Time> time;
-  std::map<std::string, Modctl::FlowQuery::Time> const times{{"iso", Modctl::FlowQuery::Time::iso},
-                                                             {"ns", Modctl::FlowQuery::Time::ns}};
+  std::string timeText;
   auto const timeOption = [&](CLI::App* command) {
     command
-        ->add_option("--time", time,
+        ->add_option("--time", timeText,
                      "timestamps as iso (UTC dates, the default) or ns (nanoseconds since the epoch, as the "
                      "chip gives them)")
-        ->transform(CLI::CheckedTransformer(times));
+        ->check(CLI::IsMember({"iso", "ns"}));
   };
 
   auto* show = app.add_subcommand("show", "show a shared table (read from shared memory)");
   auto* flows =
       show->add_subcommand("flows", "flows being reported: flow, interfaces, type, timestamp, data size");
-  flows->add_option(
-      "--filter", filters,
-      "KEY=VALUE[,KEY=VALUE...]: only flows where every term holds; keys ip_proto (tcp, udp or a "
-      "number), src_ip, dst_ip, ip (either; an address or a prefix such as 10.0.0.0/8), "
-      "src_port, dst_port, port (either), type (START or STOP), interface");
-  flows->add_option("--sort", sortKey,
-                    "order by a column: ip_proto, src_ip, dst_ip, src_port, dst_port, type, "
-                    "timestamp, data_size or interfaces (default: the flow key)");
+  flows
+      ->add_option(
+          "--filter", filters,
+          "KEY=VALUE[,KEY=VALUE...]: only flows where every term holds; keys ip_proto (tcp, udp or a "
+          "number), src_ip, dst_ip, ip (either; an address or a prefix such as 10.0.0.0/8), "
+          "src_port, dst_port, port (either), type (START or STOP), interface")
+      ->type_name("KEY=VALUE,...");
+  flows
+      ->add_option("--sort", sortKey,
+                   "order by a column: ip_proto, src_ip, dst_ip, src_port, dst_port, type, "
+                   "timestamp, data_size or interfaces (default: the flow key)")
+      ->type_name("KEY");
   flows->add_flag("-r,--reverse", reverse, "reverse the order");
-  flows->add_option("--limit", limit, "at most N flows (after --filter and --sort)");
+  flows->add_option("--limit", limit, "at most N flows (after --filter and --sort)")->type_name("N");
   timeOption(flows);
   auto* interfaces = show->add_subcommand("interfaces", "flows per interface of their first drop");
   auto* collectors = show->add_subcommand("collectors", "bytes and reports per exporter and collector");
@@ -247,6 +250,7 @@ int main(int argc, char** argv) {
   timeOption(traceDumpCommand);
   auto* metricsCommand = app.add_subcommand(
       "metrics", "metrics in the Prometheus text format (for a node exporter's textfile collector)");
+  app.footer(kFooter);  // set last: subcommands made before it do not repeat it
   try {
     app.parse(argc, argv);
   } catch (CLI::ParseError const& e) {
@@ -255,6 +259,8 @@ int main(int argc, char** argv) {
   }
   CLI::App const* leaf = nullptr;
   if (auto refused = leftoversRefused(app, leaf)) return *refused;
+  std::optional<Modctl::FlowQuery::Time> time;
+  if (!timeText.empty()) time = timeText == "ns" ? Modctl::FlowQuery::Time::ns : Modctl::FlowQuery::Time::iso;
 
   if (flows->parsed()) {
     for (auto const& f : filters) {
