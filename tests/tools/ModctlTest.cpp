@@ -104,6 +104,8 @@ TEST_F(ModctlTest, EveryCommandLineIsAnsweredOrRefusedByName) {
       {{"show"}, 2, "", "modctl show: a command is needed: flows, interfaces, collectors, exact-match"},
       {{}, 2, "", "modctl: a command is needed"},
       {{"status", "--bogus"}, 2, "", "modctl status: unknown option '--bogus'"},
+      {{"show", "--bogus", "flows"}, 2, "", "modctl show flows: unknown option '--bogus'"},
+      {{"trace", "--limit", "3"}, 2, "", "modctl trace: unknown option '--limit'"},
       {{"status", "now"}, 2, "", "modctl status: unexpected argument 'now'"},
       {{"clear", "counters", "nosuch"}, 2, "", "no exporter 'nosuch' has collectors (exporters: e1, e2)"},
       {{"trace", "set", "NoSuch-Handle", "0-4"}, 2, "", "unknown trace handle 'NoSuch-Handle'"},

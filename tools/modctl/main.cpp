@@ -93,8 +93,8 @@ std::string names(CLI::App const& group) {
 
 // Every option and subcommand is parsed by CLI11 with extras allowed, so that what it does not know comes
 // back here and is named in the error, in the command's own words, with exit status 2.
-std::optional<int> leftoversRefused(CLI::App& app, CLI::App const*& leaf) {
-  leaf = &app;
+std::optional<int> leftoversRefused(CLI::App& app) {
+  CLI::App const* leaf = &app;
   std::string command = "modctl";
   for (auto subs = app.get_subcommands(); !subs.empty(); subs = leaf->get_subcommands()) {
     leaf = subs.front();
@@ -102,12 +102,12 @@ std::optional<int> leftoversRefused(CLI::App& app, CLI::App const*& leaf) {
   }
   std::vector<std::string> const left = app.remaining(true);
   bool const isGroup = !leaf->get_subcommands([](CLI::App const*) { return true; }).empty();
-  if (isGroup && (left.empty() || left.front().rfind('-', 0) == 0))
-    return usage(command, "a command is needed: " + names(*leaf));
+  if (!left.empty() && left.front().rfind('-', 0) == 0)
+    return usage(command, "unknown option '" + left.front() + "'");
+  if (isGroup && left.empty()) return usage(command, "a command is needed: " + names(*leaf));
   if (isGroup)
     return usage(command, "unknown command '" + left.front() + "' (commands: " + names(*leaf) + ")");
   if (left.empty()) return std::nullopt;
-  if (left.front().rfind('-', 0) == 0) return usage(command, "unknown option '" + left.front() + "'");
   return usage(command, "unexpected argument '" + left.front() + "'");
 }
 
@@ -257,8 +257,7 @@ int main(int argc, char** argv) {
     if (e.get_exit_code() == 0) return app.exit(e);
     return usage("modctl", e.what());
   }
-  CLI::App const* leaf = nullptr;
-  if (auto refused = leftoversRefused(app, leaf)) return *refused;
+  if (auto refused = leftoversRefused(app)) return *refused;
   std::optional<Modctl::FlowQuery::Time> time;
   if (!timeText.empty()) time = timeText == "ns" ? Modctl::FlowQuery::Time::ns : Modctl::FlowQuery::Time::iso;
 
