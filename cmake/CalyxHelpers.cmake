@@ -19,9 +19,6 @@ function(calyx_add_tests dir)
     string(REPLACE "/" "_" target ${name})
     add_executable(${target} ${file})
     target_link_libraries(${target} PRIVATE ${ARG_LIBS} calyx_test_support GTest::gtest GTest::gtest_main)
-    # Where the sources are, for tests that read a file of the tree (__FILE__ may be relative, e.g. under a
-    # compiler cache).
-    target_compile_definitions(${target} PRIVATE CALYX_SOURCE_DIR="${PROJECT_SOURCE_DIR}")
     add_test(NAME ${name} COMMAND ${target})
     set_tests_properties(${name} PROPERTIES
       ENVIRONMENT "PATH=${CMAKE_BINARY_DIR}/tools:${CMAKE_BINARY_DIR}/agent:$ENV{PATH};CALYX_BUILD_DIR=${CMAKE_BINARY_DIR}"

@@ -37,11 +37,13 @@ std::string label(std::string const& name, std::string const& value) {
 
 }  // namespace
 
-std::string metricsText(std::optional<Json> const& status, Json const& flows, Json const& interfaces,
-                        Json const& collectors, Json const& exactMatch) {
+std::string metricsText(AgentState state, std::optional<Json> const& status, Json const& flows,
+                        Json const& interfaces, Json const& collectors, Json const& exactMatch) {
   Writer w;
-  w.family("mod_agent_up", "gauge", "1 when mod-agent answered on its control socket.");
-  w.sample("mod_agent_up", status ? 1 : 0);
+  if (state != AgentState::unknown) {
+    w.family("mod_agent_up", "gauge", "1 when mod-agent answered on its control socket.");
+    w.sample("mod_agent_up", state == AgentState::answered ? 1 : 0);
+  }
   if (status) {
     Json const& c = (*status)["counters"];
     w.family("mod_feature_on", "gauge", "1 while the Mirror-on-Drop feature is on.");
