@@ -98,17 +98,17 @@ bool EntryStatus::sound(std::string& problem) const {
 }
 
 void EntryOutbox::entryIs(Key const& k) {
-  if (!keys_.insert(k).second) return;
+  if (!keys_.insert(k)) return;
   if (notificationActive_) notify(&Reactor::handleEntry, k);
 }
 
 void EntryOutbox::entryDel(Key const& k) {
-  if (keys_.erase(k) == 0) return;
+  if (!keys_.erase(k)) return;
   if (notificationActive_) notify(&Reactor::handleEntry, k);
 }
 
 void EntryOutbox::entryDelAll() {
-  while (!keys_.empty()) entryDel(Key(*keys_.begin()));
+  while (!keys_.empty()) entryDel(Key(keys_.front()));
 }
 
 void Outbox::headIndexUpdate() {

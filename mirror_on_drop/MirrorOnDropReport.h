@@ -11,11 +11,11 @@
 #include <optional>
 #include <string>
 #include <string_view>
-#include <unordered_set>
 
 #include "mirror_on_drop/MirrorOnDropType.h"
 #include "mirror_on_drop/MirrorOnDropTypeCommon.h"
 #include "platform/core/Entity.h"
+#include "platform/core/FlatSet.h"
 #include "platform/table/SharedTable.h"
 #include "platform/types/IntfId.h"
 
@@ -179,15 +179,19 @@ class EntryOutbox : public Calyx::Object, public Calyx::Notifier<EntryOutbox> {
     using ReactorBase::ReactorBase;
     virtual void handleEntry(Key const&) {}
   };
-  using Set = std::unordered_set<Key>;
+  // Open addressing in one array: a storm's batch holds a million keys, added one by one and then given back
+  // one by one, taking the front each time.
+  using Set = Calyx::FlatSet<Key>;
 
   EntryOutbox() = default;
   void entryIs(Key const& k);
   void entryDel(Key const& k);
   void entryDelAll();
-  bool entry(Key const& k) const { return keys_.count(k) > 0; }
+  bool entry(Key const& k) const { return keys_.contains(k); }
   size_t count() const { return keys_.size(); }
   bool empty() const { return keys_.empty(); }
+  // A member, in O(1) however many were removed before it; the batch must not be empty.
+  Key const& front() const { return keys_.front(); }
   Set::const_iterator begin() const { return keys_.begin(); }
   Set::const_iterator end() const { return keys_.end(); }
 

@@ -335,10 +335,10 @@ bool SenderSm::sendReport(Ptr<Report::EntryOutbox> const& entry, bool isStop) {
   Detail::TraceManager::Scope scope;
   Ptr<Calyx::Pkt> const pkt = Calyx::PktManager::global().newPkt();
   uint64_t sent = 0;
-  // The dispatcher takes each announced key out of the batch inside the announcement, so the batch's first key
-  // is always the next one to send: an activation costs what it sends, however many keys are left.
+  // The dispatcher takes each announced key out of the batch inside the announcement, so the batch's first
+  // key is always the next one to send: an activation costs what it sends, however many keys are left.
   while (!entry->empty()) {
-    Report::Key const key = *entry->begin();
+    Report::Key const key = entry->front();
     if (packetBuild(key, isStop, *pkt)) {
       sendToCollectors(isStop, pkt);
     } else {
