@@ -176,7 +176,7 @@ void DispatcherSm::handleProcessedPacket() {
   if (!emtConfig_->entry(emtKey)) {
     Report::Key const flow(emtKey.flowKey());
     bool const newFlow = !reportStatus_->entry(flow);
-    if (!admitted(newFlow, emtKey)) return;
+    if (!admitted(newFlow)) return;
     if (newFlow) {
       reportStatus_->entryIs(Report::EntryStatus(flow, Report::ReportType::START, exchanger_->report()));
       reportStatus_->entryIntfUpdate(
@@ -193,13 +193,12 @@ void DispatcherSm::handleProcessedPacket() {
 // The overload guard: a new flow past the agent's flow cap, or a new pair whose entries the tables have no
 // room for, is counted and leaves no trace in any table or batch; flows already recorded go on as ever. Room
 // is made before anything is written, so a pair is recorded whole or not at all.
-bool DispatcherSm::admitted(bool newFlow, Emt::Key const& emtKey) {
+bool DispatcherSm::admitted(bool newFlow) {
   uint64_t const maxFlows = mountHolder_->fcsd()->maxFlows();
   bool const atLimit = newFlow && maxFlows != 0 && reportStatus_->entryCount() >= maxFlows;
+  // Room for the interface's counter too, whether or not it has one: a room check costs no look-up.
   if (!atLimit && emtConfig_->entryReserve(1) &&
-      (!newFlow || (reportStatus_->entryReserve(1) &&
-                    (reportStatus_->entryIntf(Report::Interface::Key(emtKey.intfId())) ||
-                     reportStatus_->entryIntfReserve(1)))))
+      (!newFlow || (reportStatus_->entryReserve(1) && reportStatus_->entryIntfReserve(1))))
     return true;
   uint64_t const refused = exchanger_->counterRefusedFlowInc(1);
   // At most one line a second: a storm of refusals must not become a storm of trace lines.

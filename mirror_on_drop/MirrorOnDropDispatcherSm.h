@@ -145,7 +145,7 @@ class DispatcherSm : public Calyx::Object {
   void receiverSmMake();
   // Whether a drop of a pair not yet recorded may be recorded (newFlow: its flow is not known either); a
   // refusal is counted and traced.
-  bool admitted(bool newFlow, Emt::Key const& emtKey);
+  bool admitted(bool newFlow);
   // Takes the announced key off the head batch of queue, dequeuing the batch once it is empty.
   void headBatchKeyDel(Report::Outbox& queue, Report::Key const& key);
 

@@ -89,9 +89,9 @@ class SharedTable : public Object, public Notifier<SharedTable<K, V>> {
   // notification.
   bool entryIs(V const& v) {
     K const key = v.key();
-    uint64_t const h = hashOf(key);
+    uint64_t h = 0;
     Probe p;
-    if (!headerSound() || !probe(key, h, p)) return false;
+    if (!headerSound() || !locate(key, h, p)) return false;
     if (p.found) {
       if (valueAt(p.index) == v) return false;
       writeValue(p.index, v);
@@ -107,9 +107,9 @@ class SharedTable : public Object, public Notifier<SharedTable<K, V>> {
   // it could not be stored.
   bool entryCommit(V const& v) {
     K const key = v.key();
-    uint64_t const h = hashOf(key);
+    uint64_t h = 0;
     Probe p;
-    if (!headerSound() || !probe(key, h, p)) return false;
+    if (!headerSound() || !locate(key, h, p)) return false;
     if (p.found) {
       writeValue(p.index, v);
     } else if (!insert(key, h, v, p)) {
@@ -188,9 +188,15 @@ class SharedTable : public Object, public Notifier<SharedTable<K, V>> {
   bool entryReserve(size_t n) { return headerSound() && roomFor(n); }
 
   V const* entry(K const& key) const {
+    if (!headerSound()) return nullptr;
+    uint64_t const h = hashOf(key);
     Probe p;
-    if (!headerSound() || !probe(key, hashOf(key), p) || !p.found || !slotSound(p.index)) return nullptr;
-    return &valueAt(p.index);
+    if (!probe(key, h, p)) return nullptr;
+    if (!p.found) {
+      lastMiss_ = {key, h, p, commitSequence_, generation_, true};
+      return nullptr;
+    }
+    return slotSound(p.index) ? &valueAt(p.index) : nullptr;
   }
   size_t entryCount() const { return used_; }
 
@@ -245,8 +251,11 @@ class SharedTable : public Object, public Notifier<SharedTable<K, V>> {
   };
 
   static SegmentGeometry geometry(uint64_t capacity) { return {sizeof(K), sizeof(V), capacity}; }
-  static uint64_t hashOf(K const& key) { return sharedTableMixHash(std::hash<K>{}(key)); }
-  static uint32_t tagOf(uint64_t h) { return static_cast<uint32_t>(h >> 32); }
+  // h is the key's 32-bit hash, which its slot keeps as the tag; the home slot comes from it mixed. A growth
+  // so places every key again from its tag alone, without hashing a key.
+  static uint64_t hashOf(K const& key) { return sharedTableKeyHash(std::hash<K>{}(key)); }
+  static uint32_t tagOf(uint64_t h) { return static_cast<uint32_t>(h); }
+  static size_t homeOf(uint64_t h, size_t mask) { return sharedTableMixHash(h) & mask; }
   static size_t roundCapacity(size_t n) {
     size_t c = 16;
     while (c < n) c *= 2;
@@ -313,7 +322,7 @@ class SharedTable : public Object, public Notifier<SharedTable<K, V>> {
     size_t const mask = capacity_ - 1;
     uint32_t const tag = tagOf(h);
     size_t firstDeleted = kNone;
-    size_t i = h & mask;
+    size_t i = homeOf(h, mask);
     for (size_t n = 0; n < capacity_; ++n, i = (i + 1) & mask) {
       SlotHeader const& s = slotHeader(i);
       if (s.state == kUsed) {
@@ -333,6 +342,20 @@ class SharedTable : public Object, public Notifier<SharedTable<K, V>> {
     }
     out = {firstDeleted, false};
     return true;
+  }
+
+  // Where key is or would go. A writer records what it has not seen by looking the key up and then adding it:
+  // the add reuses what the look-up found (hash and place) as long as nothing changed in between.
+  bool locate(K const& key, uint64_t& h, Probe& p) {
+    Miss& m = lastMiss_;
+    if (m.valid && m.commit == commitSequence_ && m.generation == generation_ && m.key == key) {
+      m.valid = false;
+      h = m.hash;
+      p = m.probe;
+      return true;
+    }
+    h = hashOf(key);
+    return probe(key, h, p);
   }
 
   // The first used slot at or after from, wrapping around; kNone after reporting damage.
@@ -487,8 +510,8 @@ class SharedTable : public Object, public Notifier<SharedTable<K, V>> {
     size_t const mask = capacity - 1;
     for (size_t i = 0; i < capacity_; ++i) {
       if (stateAt(i) != kUsed) continue;
-      uint64_t const h = hashOf(keyAt(i));
-      size_t j = h & mask;
+      uint64_t const h = slotHeader(i).tag;
+      size_t j = homeOf(h, mask);
       while (reinterpret_cast<SlotHeader*>(to + j * kSlotSize)->state != kFree) j = (j + 1) & mask;
       // Nobody sees the new segment yet: plain copies will do.
       std::memcpy(to + j * kSlotSize + kKeyOffset, slotAt(i) + kKeyOffset, kSlotSize - kKeyOffset);
@@ -626,6 +649,17 @@ class SharedTable : public Object, public Notifier<SharedTable<K, V>> {
   size_t used_ = 0;
   size_t deleted_ = 0;
   uint64_t commitSequence_ = 0;
+
+  // The last look-up that found nothing; any change to the table (a new commit sequence or segment) voids it.
+  struct Miss {
+    K key{};
+    uint64_t hash = 0;
+    Probe probe;
+    uint64_t commit = 0;
+    uint64_t generation = 0;
+    bool valid = false;
+  };
+  mutable Miss lastMiss_;
 
   mutable std::vector<K> order_;
   mutable size_t orderStart_ = 0;

@@ -17,7 +17,7 @@
 namespace Calyx {
 
 inline constexpr uint64_t kSharedTableMagic = 0x3142'4154'5348'4c43ull;  // "CLSHTAB1" read little-endian
-inline constexpr uint32_t kSharedTableLayoutVersion = 1;
+inline constexpr uint32_t kSharedTableLayoutVersion = 2;  // 2: a slot's tag is its key's own hash
 
 enum class SlotState : uint32_t { free = 0, used = 1, deleted = 2 };
 inline constexpr uint32_t kSlotStateLimit = 3;  // states at or above it are damage
@@ -46,7 +46,8 @@ static_assert(sizeof(SegmentHeader) == 128);
 struct SlotHeader {
   uint64_t version;  // sequence lock: odd while the writer changes the slot
   uint32_t state;    // a SlotState
-  uint32_t tag;      // high half of the key's mixed hash: rejects most wrong keys before comparing them
+  uint32_t tag;      // the key's 32-bit hash: rejects most wrong keys before comparing them, and places the
+                     // key again in a growth without hashing it
 };
 static_assert(sizeof(SlotHeader) == 16);
 
@@ -71,9 +72,13 @@ enum class HeaderCheck { ok, damaged, incompatible };
 HeaderCheck checkSegmentHeader(SegmentHeader const& h, size_t fileBytes, uint32_t keySize, uint32_t valueSize,
                                std::string& problem);
 
-// Spreads a std::hash result over all 64 bits (std::hash of an integer is often the integer itself, which
-// would cluster in a power-of-two table). The low bits choose the home slot, the high 32 bits are the slot's
-// tag.
+// A key's hash as its slot keeps it: std::hash folded to 32 bits (the feature's keys hash to 32 bits anyway).
+inline uint32_t sharedTableKeyHash(uint64_t h) {
+  return static_cast<uint32_t>(h ^ (h >> 32));
+}
+
+// Spreads a key's 32-bit hash over all 64 bits (std::hash of an integer is often the integer itself, which
+// would cluster in a power-of-two table). The low bits choose the home slot.
 inline uint64_t sharedTableMixHash(uint64_t h) {
   h ^= h >> 33;
   h *= 0xff51afd7ed558ccdull;

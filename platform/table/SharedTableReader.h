@@ -70,10 +70,10 @@ class SharedTableReader {
   std::optional<V> find(K const& key) {
     if (!refresh()) return std::nullopt;
     uint64_t const capacity = seg_.header().capacity;
-    uint64_t const h = sharedTableMixHash(std::hash<K>{}(key));
-    uint32_t const tag = static_cast<uint32_t>(h >> 32);
+    uint32_t const tag = sharedTableKeyHash(std::hash<K>{}(key));
     SlotCopy c;
-    for (size_t n = 0, i = h & (capacity - 1); n < capacity; ++n, i = (i + 1) & (capacity - 1)) {
+    for (size_t n = 0, i = sharedTableMixHash(tag) & (capacity - 1); n < capacity;
+         ++n, i = (i + 1) & (capacity - 1)) {
       if (!readSlot(i, c)) return std::nullopt;
       if (c.state == kFree) return std::nullopt;
       if (c.state == kUsed && c.tag == tag && c.key == key) return c.value;
