@@ -18,6 +18,7 @@ constexpr uint64_t kRetentionChunk = 10000;
 StoreWriter::StoreWriter(std::unique_ptr<Storage> storage, WriterOptions options)
     : storage_(std::move(storage)), options_(options), name_(storage_->name()) {
   nextRetention_ = nextMaintenance_ = Clock::now();
+  retentionBacklog_ = options_.retainUs.has_value();  // the first pass runs at start
   thread_ = std::thread([this] { run(); });
 }
 
@@ -138,7 +139,8 @@ void StoreWriter::retain() {
     std::lock_guard lock(mutex_);
     complain(std::string(e.what()) + " (while deleting old lives)");
   }
-  nextRetention_ = n == kRetentionChunk ? Clock::now() : Clock::now() + kRetentionInterval;
+  retentionBacklog_ = n == kRetentionChunk;
+  nextRetention_ = retentionBacklog_ ? Clock::now() : Clock::now() + kRetentionInterval;
   std::lock_guard lock(mutex_);
   stats_.livesDeleted += n;
 }
@@ -160,7 +162,9 @@ void StoreWriter::run() {
     std::vector<ReportRow> batch;
     {
       std::unique_lock lock(mutex_);
-      wake_.wait_for(lock, std::chrono::seconds(1), [this] { return closing_ || !queue_.empty(); });
+      if (!retentionBacklog_) {
+        wake_.wait_for(lock, std::chrono::seconds(1), [this] { return closing_ || !queue_.empty(); });
+      }
       if (droppedSinceComplaint_ > 0) complain(name_ + " falls behind: the queue is full");
       if (closing_ && queue_.empty()) return;
       size_t const n = std::min(queue_.size(), options_.batchMax);

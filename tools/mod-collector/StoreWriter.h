@@ -84,6 +84,7 @@ class StoreWriter {
   std::chrono::steady_clock::time_point lastComplaint_{};
   uint64_t droppedSinceComplaint_ = 0;
   std::chrono::steady_clock::time_point nextRetention_{};
+  bool retentionBacklog_ = false;  // the last chunk was full: more old lives wait
   std::chrono::steady_clock::time_point nextMaintenance_{};
   uint64_t storedAtMaintenance_ = 0;
   std::thread thread_;
