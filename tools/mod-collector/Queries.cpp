@@ -58,10 +58,10 @@ SqlQuery topSql(TopQuery const& q) {
       std::string("SELECT ") + group + " AS k, count(*) AS lives, sum(reports) AS reports FROM lives";
   if (q.sinceUs) {
     inner += " WHERE seen_us >= ?";
-    out.params.push_back(*q.sinceUs);
+    out.params.emplace_back(std::in_place_type<int64_t>, *q.sinceUs);
   }
   inner += std::string(" GROUP BY ") + group + " ORDER BY " + order + " LIMIT ?";
-  out.params.push_back(static_cast<int64_t>(q.limit));
+  out.params.emplace_back(std::in_place_type<int64_t>, static_cast<int64_t>(q.limit));
   switch (q.kind) {
     case TopKind::Flows:
       out.sql = "SELECT f.ip_proto, f.src_ip, f.dst_ip, f.src_port, f.dst_port, t.lives, t.reports FROM (" +
@@ -119,11 +119,11 @@ SqlQuery livesSql(LivesQuery const& q) {
   if (q.openOnly) where.push_back("l.stop_us IS NULL");
   if (q.sinceUs) {
     where.push_back("l.seen_us >= ?");
-    out.params.push_back(*q.sinceUs);
+    out.params.emplace_back(std::in_place_type<int64_t>, *q.sinceUs);
   }
   if (q.source) {
     where.push_back("l.source_id = (SELECT id FROM sources WHERE address = ?)");
-    out.params.push_back(*q.source);
+    out.params.emplace_back(std::in_place_type<std::string>, *q.source);
   }
   if (q.flow)
     where.push_back("l.flow_id IN (SELECT f.id FROM flows f WHERE " + q.flow->sql(out.params) + ")");
@@ -134,7 +134,7 @@ SqlQuery livesSql(LivesQuery const& q) {
       "LEFT JOIN flows f ON f.id = l.flow_id";
   for (size_t i = 0; i < where.size(); ++i) out.sql += (i ? " AND " : " WHERE ") + where[i];
   out.sql += " ORDER BY l.seen_us DESC LIMIT ?";
-  out.params.push_back(static_cast<int64_t>(q.limit));
+  out.params.emplace_back(std::in_place_type<int64_t>, static_cast<int64_t>(q.limit));
   return out;
 }
 
@@ -174,7 +174,8 @@ SqlQuery timelineSql(TimelineQuery const& q) {
       "SELECT t, (SELECT count(*) FROM lives WHERE seen_us >= t AND seen_us < t + CAST(? AS BIGINT)) FROM "
       "steps "
       "ORDER BY t";
-  out.params = {first, q.stepUs, q.stepUs, q.untilUs, q.stepUs};
+  for (int64_t v : {first, q.stepUs, q.stepUs, q.untilUs, q.stepUs})
+    out.params.emplace_back(std::in_place_type<int64_t>, v);
   return out;
 }
 
