@@ -189,7 +189,9 @@ TEST_P(CollectorFleetTest, AgentReplayToTwoCollectorsStoresEveryReportAndLifeOnc
 }
 
 INSTANTIATE_TEST_SUITE_P(Engines, CollectorFleetTest, ::testing::Values(Engine::Sqlite, Engine::Postgres),
-                         [](auto const& info) { return info.param == Engine::Sqlite ? "Sqlite" : "Postgres"; });
+                         [](auto const& info) {
+                           return info.param == Engine::Sqlite ? "Sqlite" : "Postgres";
+                         });
 
 class PostgresFleetTest : public CollectorFleetTest {};
 
