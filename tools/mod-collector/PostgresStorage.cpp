@@ -68,22 +68,38 @@ static_assert(std::size(kMigrations) == kSchemaVersion);
 // Any number, as long as every collector takes the same one while it creates or migrates the schema.
 constexpr char const* kSchemaLock = "SELECT pg_advisory_xact_lock(7306431)";
 
-// A batch's lives and reports are copied here first; the rows go at the end of each transaction.
+// A batch's lives and reports are copied here first, as received (addresses, reason words, flows as text and
+// numbers); the statements below turn them into rows with their ids, set-wise, whatever the batch's size.
 constexpr char const* kBatchTables = R"SQL(
 SET client_min_messages = warning;
 CREATE TEMP TABLE IF NOT EXISTS batch_lives (
-  source_id BIGINT, drop_ts BIGINT, digest BIGINT, reason_id BIGINT, flow_id BIGINT, ip_proto INTEGER,
-  data_size INTEGER, sample BYTEA, dst_mac TEXT, src_mac TEXT, ethertype INTEGER, vlans TEXT, seen_us BIGINT,
-  start_us BIGINT, stop_us BIGINT, reports INTEGER) ON COMMIT DELETE ROWS;
+  source TEXT, drop_ts BIGINT, digest BIGINT, word0 BIGINT, word1 BIGINT, word2 BIGINT, word3 BIGINT,
+  ip_proto INTEGER, src_ip TEXT, dst_ip TEXT, src_port INTEGER, dst_port INTEGER, data_size INTEGER, sample BYTEA,
+  dst_mac TEXT, src_mac TEXT, ethertype INTEGER, vlans TEXT, seen_us BIGINT, start_us BIGINT, stop_us BIGINT,
+  reports INTEGER) ON COMMIT DELETE ROWS;
 CREATE TEMP TABLE IF NOT EXISTS batch_reports (
-  source_id BIGINT, drop_ts BIGINT, digest BIGINT, type SMALLINT, source_port INTEGER, collector TEXT,
-  arrived_us BIGINT) ON COMMIT DELETE ROWS;
+  source TEXT, drop_ts BIGINT, digest BIGINT, type SMALLINT, source_port INTEGER, collector TEXT, arrived_us BIGINT)
+  ON COMMIT DELETE ROWS;
 )SQL";
 
+// New sources, reasons and flows first (each in key order, so that two collectors lock alike), then the
+// lives.
 constexpr char const* kMergeLives = R"SQL(
+INSERT INTO sources (address) SELECT DISTINCT source FROM batch_lives ORDER BY 1 ON CONFLICT DO NOTHING;
+INSERT INTO reasons (word0, word1, word2, word3)
+  SELECT DISTINCT word0, word1, word2, word3 FROM batch_lives ORDER BY 1, 2, 3, 4 ON CONFLICT DO NOTHING;
+INSERT INTO flows (ip_proto, src_ip, dst_ip, src_port, dst_port)
+  SELECT DISTINCT ip_proto, src_ip, dst_ip, src_port, dst_port FROM batch_lives WHERE ip_proto IS NOT NULL
+  ORDER BY 1, 2, 3, 4, 5 ON CONFLICT DO NOTHING;
 INSERT INTO lives (source_id, drop_ts, digest, reason_id, flow_id, ip_proto, data_size, sample, dst_mac, src_mac,
                    ethertype, vlans, seen_us, start_us, stop_us, reports)
-SELECT * FROM batch_lives ORDER BY source_id, drop_ts, digest
+SELECT s.id, b.drop_ts, b.digest, r.id, f.id, b.ip_proto, b.data_size, b.sample, b.dst_mac, b.src_mac, b.ethertype,
+       b.vlans, b.seen_us, b.start_us, b.stop_us, b.reports
+FROM batch_lives b JOIN sources s ON s.address = b.source
+     JOIN reasons r ON r.word0 = b.word0 AND r.word1 = b.word1 AND r.word2 = b.word2 AND r.word3 = b.word3
+     LEFT JOIN flows f ON f.ip_proto = b.ip_proto AND f.src_ip = b.src_ip AND f.dst_ip = b.dst_ip
+                      AND f.src_port = b.src_port AND f.dst_port = b.dst_port
+ORDER BY s.id, b.drop_ts, b.digest
 ON CONFLICT (source_id, drop_ts, digest) DO UPDATE SET
   start_us = COALESCE(lives.start_us, EXCLUDED.start_us),
   stop_us = COALESCE(lives.stop_us, EXCLUDED.stop_us),
@@ -96,7 +112,8 @@ WHERE (lives.start_us IS NULL AND EXCLUDED.start_us IS NOT NULL)
 constexpr char const* kMergeReports = R"SQL(
 INSERT INTO reports (life_id, type, source_port, collector, arrived_us)
 SELECT l.id, b.type, b.source_port, b.collector, b.arrived_us
-FROM batch_reports b JOIN lives l ON l.source_id = b.source_id AND l.drop_ts = b.drop_ts AND l.digest = b.digest
+FROM batch_reports b JOIN sources s ON s.address = b.source
+     JOIN lives l ON l.source_id = s.id AND l.drop_ts = b.drop_ts AND l.digest = b.digest
 ORDER BY l.id, b.type, b.arrived_us
 ON CONFLICT (life_id, type) DO NOTHING
 )SQL";
@@ -197,9 +214,6 @@ PostgresStorage::~PostgresStorage() {
 void PostgresStorage::disconnect() {
   if (conn_) PQfinish(conn_);
   conn_ = nullptr;
-  sources_.clear();
-  reasons_.clear();
-  flows_.clear();
 }
 
 void PostgresStorage::connect() {
@@ -298,71 +312,40 @@ void PostgresStorage::migrate() {
   }
 }
 
-int64_t PostgresStorage::sourceId(std::string const& address) {
-  if (auto it = sources_.find(address); it != sources_.end()) return it->second;
-  exec("INSERT INTO sources (address) VALUES ($1) ON CONFLICT DO NOTHING", {address});
-  return sources_[address] = exec("SELECT id FROM sources WHERE address = $1", {address}).integer(0, 0);
-}
-
-int64_t PostgresStorage::reasonId(std::array<uint32_t, 4> const& w) {
-  if (auto it = reasons_.find(w); it != reasons_.end()) return it->second;
-  std::vector<std::string> const words = {std::to_string(w[0]), std::to_string(w[1]), std::to_string(w[2]),
-                                          std::to_string(w[3])};
-  exec("INSERT INTO reasons (word0, word1, word2, word3) VALUES ($1, $2, $3, $4) ON CONFLICT DO NOTHING",
-       words);
-  return reasons_[w] =
-             exec("SELECT id FROM reasons WHERE word0 = $1 AND word1 = $2 AND word2 = $3 AND word3 = $4",
-                  words)
-                 .integer(0, 0);
-}
-
-std::optional<int64_t> PostgresStorage::flowId(std::optional<SampleFlow> const& flow) {
-  if (!flow) return std::nullopt;
-  if (auto it = flows_.find(*flow); it != flows_.end()) return it->second;
-  std::vector<std::string> const key = {std::to_string(flow->ipProto), flow->srcIp, flow->dstIp,
-                                        std::to_string(flow->srcPort), std::to_string(flow->dstPort)};
-  exec(
-      "INSERT INTO flows (ip_proto, src_ip, dst_ip, src_port, dst_port) VALUES ($1, $2, $3, $4, $5) "
-      "ON CONFLICT DO NOTHING",
-      key);
-  return flows_[*flow] = exec(
-                             "SELECT id FROM flows WHERE ip_proto = $1 AND src_ip = $2 AND dst_ip = $3 AND "
-                             "src_port = $4 AND dst_port = $5",
-                             key)
-                             .integer(0, 0);
-}
-
 WriteResult PostgresStorage::write(std::vector<ReportRow> const& batch) {
   WriteResult result;
   if (batch.empty()) return result;
-  if (!conn_) throw StorageError(name_ + ": not connected", true);
+  if (!conn_ || PQstatus(conn_) != CONNECTION_OK) throw StorageError(name_ + ": not connected", true);
   try {
     exec("BEGIN");
     std::string lives, reports;
     for (LifeInBatch const& life : livesOf(batch)) {
       ReportRow const& row = *life.first;
       Report const& r = row.report;
-      int64_t const source = sourceId(row.source);
       auto const dropTs = static_cast<int64_t>(r.timestamp);
       {
         CopyRow c(lives);
-        c.field(source).field(dropTs).field(row.digest).field(reasonId(r.reason)).field(flowId(r.flow));
-        c.field(r.flow ? std::optional<int64_t>(r.flow->ipProto) : std::nullopt).field(int64_t{r.dataSize});
-        c.bytes(row.sample.data(), r.dataSize);
+        c.field(row.source).field(dropTs).field(row.digest);
+        for (uint32_t w : r.reason) c.field(int64_t{w});
+        if (r.flow) {
+          c.field(int64_t{r.flow->ipProto}).field(r.flow->srcIp).field(r.flow->dstIp);
+          c.field(int64_t{r.flow->srcPort}).field(int64_t{r.flow->dstPort});
+        } else {
+          c.null().null().null().null().null();
+        }
+        c.field(int64_t{r.dataSize}).bytes(row.sample.data(), r.dataSize);
         if (r.ethernet) {
           c.field(macText(r.ethernet->dstMac)).field(macText(r.ethernet->srcMac));
           c.field(int64_t{r.ethernet->etherType}).field(vlansText(r.ethernet->vlans));
         } else {
           c.null().null().null().null();
         }
-        c.field(life.seenUs)
-            .field(life.startUs)
-            .field(life.stopUs)
-            .field(int64_t{reportsOf(life.startUs, life.stopUs)});
+        c.field(life.seenUs).field(life.startUs).field(life.stopUs);
+        c.field(int64_t{reportsOf(life.startUs, life.stopUs)});
       }
       for (ReportRow const* report : life.rows) {
         CopyRow c(reports);
-        c.field(source).field(dropTs).field(row.digest).field(int64_t{report->report.type});
+        c.field(row.source).field(dropTs).field(row.digest).field(int64_t{report->report.type});
         c.field(int64_t{report->sourcePort}).field(report->collector).field(report->arrivedUs);
       }
     }
@@ -373,10 +356,6 @@ WriteResult PostgresStorage::write(std::vector<ReportRow> const& batch) {
     result.duplicates = batch.size() - result.stored;
     exec("COMMIT");
   } catch (StorageError const&) {
-    // Ids learnt inside the rolled-back transaction may name rows that are gone.
-    sources_.clear();
-    reasons_.clear();
-    flows_.clear();
     if (PQstatus(conn_) == CONNECTION_OK) PQclear(PQexec(conn_, "ROLLBACK"));
     throw;
   }

@@ -37,18 +37,12 @@ class PostgresStorage : public Storage {
   void checkVersion();
   Result exec(std::string const& sql, std::vector<std::string> const& params = {});
   void copy(std::string const& into, std::string const& data);
-  int64_t sourceId(std::string const& address);
-  int64_t reasonId(std::array<uint32_t, 4> const& words);
-  std::optional<int64_t> flowId(std::optional<SampleFlow> const& flow);
   [[noreturn]] void fail(std::string const& doing, PGresult const* result);
 
   std::string url_;
   OpenMode mode_;
   std::string name_;
   PGconn* conn_ = nullptr;
-  std::map<std::string, int64_t> sources_;
-  std::map<std::array<uint32_t, 4>, int64_t> reasons_;
-  std::map<SampleFlow, int64_t> flows_;
 };
 
 }  // namespace ModCollector
