@@ -228,11 +228,16 @@ void PostgresStorage::connect() {
   }
   PQsetNoticeProcessor(
       conn_, [](void*, char const*) {}, nullptr);
-  if (mode_ == OpenMode::Write) {
-    migrate();
-    exec(kBatchTables);
-  } else {
-    checkVersion();
+  try {
+    if (mode_ == OpenMode::Write) {
+      migrate();
+      exec(kBatchTables);
+    } else {
+      checkVersion();
+    }
+  } catch (...) {
+    disconnect();  // a constructor that throws runs no destructor
+    throw;
   }
 }
 

@@ -207,11 +207,16 @@ void SqliteStorage::open() {
   }
   sqlite3_exec(db_, "PRAGMA synchronous=NORMAL; PRAGMA cache_size=-65536", nullptr, nullptr, nullptr);
   if (mode_ == OpenMode::Write) {
-    migrate();
-  } else {
-    checkVersion();
-    sqlite3_exec(db_, "PRAGMA query_only=1", nullptr, nullptr, nullptr);
+    migrate();  // closes the connection when it throws
+    return;
   }
+  try {
+    checkVersion();
+  } catch (...) {
+    close();  // a constructor that throws runs no destructor
+    throw;
+  }
+  sqlite3_exec(db_, "PRAGMA query_only=1", nullptr, nullptr, nullptr);
 }
 
 void SqliteStorage::reconnect() {
