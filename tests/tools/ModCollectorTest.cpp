@@ -290,7 +290,7 @@ TEST(ModCollectorTest, MalformedDatagramsAreReportedOnStderrOnly) {
 
 TEST(ModCollectorTest, ReadableLinesAndStopByDuration) {
   // Long enough that a slow start (a sanitizer build on a loaded machine) still reads the datagram in time.
-  Collector c({"--listen", "127.0.0.1:0", "--duration", "2"});
+  Collector c({"--listen", "127.0.0.1:0", "--duration", "2", "--summary", "flows"});
   auto ports = c.ports(1);
   ASSERT_EQ(ports.size(), 1u);
   Bytes cut = ipv4TcpSample();
@@ -311,14 +311,19 @@ TEST(ModCollectorTest, ReadableLinesAndStopByDuration) {
   EXPECT_EQ(c.exitCode(), 0);
 }
 
-TEST(ModCollectorTest, SigtermStopsItWithTheSummary) {
+TEST(ModCollectorTest, SigtermStopsItWithTheSummaryItWasAskedFor) {
   Collector c({"--listen", "127.0.0.1:0"});
   ASSERT_EQ(c.ports(1).size(), 1u);
   c.signal(SIGTERM);
   std::vector<std::string> err = c.stderrLines().rest();
-  ASSERT_FALSE(err.empty());
-  EXPECT_EQ(err[0], "summary: 0 reports (START 0, STOP 0), 0 rejected");
+  EXPECT_EQ(err, std::vector<std::string>{"summary: 0 reports (START 0, STOP 0), 0 rejected"});
   EXPECT_EQ(c.exitCode(), 0);
+
+  Collector quiet({"--listen", "127.0.0.1:0", "--summary", "none"});
+  ASSERT_EQ(quiet.ports(1).size(), 1u);
+  quiet.signal(SIGTERM);
+  EXPECT_EQ(quiet.stderrLines().rest(), std::vector<std::string>{});
+  EXPECT_EQ(quiet.exitCode(), 0);
 }
 
 TEST(ModCollectorTest, BadArgumentsFailWithAMessage) {
@@ -327,6 +332,19 @@ TEST(ModCollectorTest, BadArgumentsFailWithAMessage) {
   ASSERT_FALSE(err.empty());
   EXPECT_NE(err[0].find("--listen: bad address 'localhost'"), std::string::npos) << err[0];
   EXPECT_EQ(bad.exitCode(), 2);
+  for (auto const& [args, expected] : std::vector<std::pair<std::vector<std::string>, std::string>>{
+           {{"--summary", "some"}, "--summary: Check some value in {"},
+           {{"--http", "8080"}, "--http requires --db"},
+           {{"--db", "x.db", "--retain", "7 days"}, "--retain: bad duration '7 days'"},
+           {{"--json", "--quiet"}, "--json excludes --quiet"}}) {
+    std::vector<std::string> all = {"--listen", "127.0.0.1:0"};
+    all.insert(all.end(), args.begin(), args.end());
+    Collector wrong(all);
+    auto lines = wrong.stderrLines().rest();
+    ASSERT_FALSE(lines.empty());
+    EXPECT_NE(lines[0].find(expected), std::string::npos) << lines[0];
+    EXPECT_EQ(wrong.exitCode(), 2);
+  }
 
   Collector help({"--help"});
   auto out = help.stdoutLines().rest();
@@ -334,7 +352,8 @@ TEST(ModCollectorTest, BadArgumentsFailWithAMessage) {
   EXPECT_EQ(out[0].rfind("mod-collector: receives", 0), 0u);
   std::string all;
   for (auto const& l : out) all += l + "\n";
-  for (char const* option : {"--listen", "--json", "--count", "--duration"}) {
+  for (char const* option : {"--listen", "--json", "--count", "--duration", "--quiet", "--summary", "--db",
+                             "--retain", "--queue", "--http", "mod-collector query --help"}) {
     EXPECT_NE(all.find(option), std::string::npos) << option;
   }
   EXPECT_EQ(help.exitCode(), 0);

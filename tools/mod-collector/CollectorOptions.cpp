@@ -6,7 +6,11 @@
 #include <iostream>
 
 #include <charconv>
+#include <map>
+
 #include <cstring>
+#include "tools/mod-collector/Duration.h"
+#include "tools/mod-collector/Storage.h"
 
 namespace ModCollector {
 namespace {
@@ -45,6 +49,11 @@ std::optional<ListenAddr> parseListenAddr(std::string const& text) {
   return out;
 }
 
+std::optional<ListenAddr> parseHttpAddr(std::string const& text) {
+  if (text.find(':') == std::string::npos) return parseListenAddr("127.0.0.1:" + text);
+  return parseListenAddr(text);
+}
+
 std::string endpointText(sockaddr_storage const& addr) {
   char buf[INET6_ADDRSTRLEN] = "?";
   if (addr.ss_family == AF_INET6) {
@@ -64,7 +73,11 @@ std::optional<int> parseOptions(int argc, char** argv, CollectorOptions& o) {
   app.footer(
       "Datagrams that are not reports are counted and reported on stderr. SIGINT or SIGTERM stop the "
       "collector; a\n"
-      "summary (reports by type and by flow, rejected datagrams by reason) goes to stderr.");
+      "summary (reports by type, rejected datagrams by reason, what was stored) goes to stderr.\n\n"
+      "With --db every report is also stored: START and STOP pair into drop lives, a report that reaches\n"
+      "several collectors writing into one database is stored once. `mod-collector query --help` asks the\n"
+      "stored history; --http serves it as a page, a JSON API under /api/ and Prometheus metrics on "
+      "/metrics.");
   std::vector<std::string> listen;
   app.add_option(
          "--listen", listen,
@@ -80,8 +93,50 @@ std::optional<int> parseOptions(int argc, char** argv, CollectorOptions& o) {
       "print one JSON object per report: type, timestamp, reason, data_size, dst_mac, src_mac, ethertype "
       "(number), vlans, flow {ip_proto, src_ip, dst_ip, src_port, dst_port} where the sample holds them, "
       "and from.");
+  auto* quiet =
+      app.add_flag("--quiet", o.quiet, "print no line per report (with --db, the database keeps them)");
+  app.get_option("--json")->excludes(quiet);
   app.add_option("--count", o.count, "stop after N reports")->check(CLI::PositiveNumber);
   app.add_option("--duration", o.duration, "stop after S seconds")->check(CLI::PositiveNumber);
+  std::map<std::string, SummaryMode> const summaries = {
+      {"none", SummaryMode::None}, {"totals", SummaryMode::Totals}, {"flows", SummaryMode::Flows}};
+  app.add_option(
+         "--summary", o.summary,
+         "what to print on stderr at exit: none, totals (reports by type, rejected datagrams by reason, "
+         "what was stored; the default) or flows (totals, then START and STOP counts per flow)")
+      ->transform(CLI::CheckedTransformer(summaries));
+  app.add_option(
+      "--db", o.db,
+      "store every report: an SQLite file PATH (created when missing) or postgresql://USER@HOST/DB "
+      "for a fleet's PostgreSQL");
+  std::string retain;
+  auto* retainOption = app.add_option("--retain", retain,
+                                      "delete lives first seen longer ago than this, in the background (e.g. "
+                                      "7d, 12h); default: keep everything")
+                           ->check([](std::string const& text) {
+                             return parseDuration(text)
+                                        ? std::string()
+                                        : "bad duration '" + text + "' (expected e.g. 12h, 7d, 2w)";
+                           });
+  app.add_option(
+         "--queue", o.queue,
+         "reports waiting to be stored at most (default 100000); beyond it they are counted as dropped")
+      ->check(CLI::Range(size_t{1}, size_t{100000000}));
+  std::string http;
+  auto* httpOption =
+      app.add_option(
+             "--http", http,
+             "serve the page, /api/ and /metrics on [ADDR:]PORT; a bare PORT listens on 127.0.0.1 only, "
+             "so listening beyond loopback takes an explicit address (0.0.0.0:8080)")
+          ->check([](std::string const& text) {
+            return parseHttpAddr(text)
+                       ? std::string()
+                       : "bad address '" + text + "' (expected PORT, ADDR:PORT or [V6ADDR]:PORT)";
+          });
+  auto* dbOption = app.get_option("--db");
+  retainOption->needs(dbOption);
+  httpOption->needs(dbOption);
+  app.get_option("--queue")->needs(dbOption);
   try {
     app.parse(argc, argv);
   } catch (CLI::ParseError const& e) {
@@ -90,6 +145,8 @@ std::optional<int> parseOptions(int argc, char** argv, CollectorOptions& o) {
     return 2;
   }
   for (auto const& text : listen) o.listen.push_back(*parseListenAddr(text));
+  if (!retain.empty()) o.retainUs = parseDuration(retain);
+  if (!http.empty()) o.http = parseHttpAddr(http);
   return std::nullopt;
 }
 

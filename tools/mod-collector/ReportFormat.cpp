@@ -6,22 +6,10 @@
 namespace ModCollector {
 namespace {
 
-std::string macText(std::array<uint8_t, 6> const& m) {
-  char buf[18];
-  std::snprintf(buf, sizeof buf, "%02x:%02x:%02x:%02x:%02x:%02x", m[0], m[1], m[2], m[3], m[4], m[5]);
-  return buf;
-}
-
 std::string hex4(uint16_t v) {
   char buf[8];
   std::snprintf(buf, sizeof buf, "0x%04x", v);
   return buf;
-}
-
-std::string protoName(uint8_t p) {
-  if (p == 6) return "TCP";
-  if (p == 17) return "UDP";
-  return "proto " + std::to_string(p);
 }
 
 std::string hostPort(std::string const& ip, uint16_t port) {
@@ -31,10 +19,32 @@ std::string hostPort(std::string const& ip, uint16_t port) {
 
 }  // namespace
 
-std::string reasonText(Report const& r) {
-  char buf[40];
-  std::snprintf(buf, sizeof buf, "0x%08x%08x%08x%08x", r.reason[0], r.reason[1], r.reason[2], r.reason[3]);
+std::string macText(std::array<uint8_t, 6> const& m) {
+  char buf[18];
+  std::snprintf(buf, sizeof buf, "%02x:%02x:%02x:%02x:%02x:%02x", m[0], m[1], m[2], m[3], m[4], m[5]);
   return buf;
+}
+
+std::string protoName(uint8_t p) {
+  if (p == 6) return "TCP";
+  if (p == 17) return "UDP";
+  return "proto " + std::to_string(p);
+}
+
+std::string vlansText(std::vector<uint16_t> const& vlans) {
+  std::string s;
+  for (size_t i = 0; i < vlans.size(); ++i) s += (i ? "," : "") + std::to_string(vlans[i]);
+  return s;
+}
+
+std::string reasonText(std::array<uint32_t, 4> const& w) {
+  char buf[40];
+  std::snprintf(buf, sizeof buf, "0x%08x%08x%08x%08x", w[0], w[1], w[2], w[3]);
+  return buf;
+}
+
+std::string reasonText(Report const& r) {
+  return reasonText(r.reason);
 }
 
 std::string flowText(SampleFlow const& f) {
@@ -73,10 +83,7 @@ std::string reportLine(Report const& r, std::string const& from) {
   if (r.ethernet) {
     SampleEthernet const& e = *r.ethernet;
     s += " dmac=" + macText(e.dstMac) + " smac=" + macText(e.srcMac) + " ethertype=" + hex4(e.etherType);
-    if (!e.vlans.empty()) {
-      s += " vlans=";
-      for (size_t i = 0; i < e.vlans.size(); ++i) s += (i ? "," : "") + std::to_string(e.vlans[i]);
-    }
+    if (!e.vlans.empty()) s += " vlans=" + vlansText(e.vlans);
   }
   if (r.flow) s += " flow=" + flowText(*r.flow);
   return s;

@@ -13,6 +13,12 @@
 namespace ModCollector {
 
 std::string reasonText(Report const& r);
+std::string reasonText(std::array<uint32_t, 4> const& words);
+std::string macText(std::array<uint8_t, 6> const& mac);
+// "100,200": tag ids, outer first.
+std::string vlansText(std::vector<uint16_t> const& vlans);
+// "TCP", "UDP", else "proto N".
+std::string protoName(uint8_t ipProto);
 std::string flowText(SampleFlow const& f);
 std::string reportJson(Report const& r, std::string const& from);
 std::string reportLine(Report const& r, std::string const& from);

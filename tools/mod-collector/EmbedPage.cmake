@@ -1,0 +1,17 @@
+# Writes OUT, a C++ file that holds every file of the folder DIR as a string, found by its name through
+# pageAsset(). Run at build time by the collector's CMakeLists.txt.
+file(GLOB files ${DIR}/*)
+list(SORT files)
+set(body "// Generated from tools/mod-collector/page by EmbedPage.cmake; do not edit.\n")
+string(APPEND body "#include \"tools/mod-collector/PageAssets.h\"\n\nnamespace ModCollector {\n\n")
+string(APPEND body "std::optional<std::string_view> pageAsset(std::string_view name) {\n")
+foreach(file IN LISTS files)
+  get_filename_component(name ${file} NAME)
+  file(READ ${file} text)
+  if(text MATCHES "\\)MODPAGE\"")
+    message(FATAL_ERROR "${file} holds the text that ends the embedded string")
+  endif()
+  string(APPEND body "  if (name == \"${name}\") return R\"MODPAGE(${text})MODPAGE\";\n")
+endforeach()
+string(APPEND body "  return std::nullopt;\n}\n\n}  // namespace ModCollector\n")
+file(WRITE ${OUT} "${body}")
