@@ -9,6 +9,7 @@
 #include <sys/stat.h>
 #include <sys/un.h>
 #include <sys/wait.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <filesystem>
@@ -281,6 +282,13 @@ TEST_F(ModAgentTest, ReloadAppliesOnlyTheDifferencesAndKeepsTheRunningConfigurat
   ASSERT_TRUE(
       agent.waitForErr("Turning OFF Mirror-On-Drop feature: tracker = 't2', hardware support = FALSE.", 5));
   ASSERT_TRUE(agent.waitForErr("reloaded", 5));
+  // The turn-off ends once the last STOP has gone; support back before then would only cancel it.
+  auto const featureOff = [&] {
+    return programRun("modctl", {"--state-dir", state.path(), "status"}).out.find("feature: off") !=
+           std::string::npos;
+  };
+  for (int i = 0; i < 100 && !featureOff(); ++i) usleep(50000);
+  ASSERT_TRUE(featureOff()) << agent.err();
   write("agent.toml", config("max", "t2", intervals));
   agent.signal(SIGHUP);
   ASSERT_TRUE(
