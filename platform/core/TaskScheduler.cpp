@@ -6,7 +6,7 @@ TaskScheduler::TaskScheduler(double timeSlice) : timeSlice_(timeSlice) {}
 
 bool TaskScheduler::shouldYield() const {
   if (yieldPredicate_) return yieldPredicate_();
-  return running_ && sliceClock_.now() - sliceStart_ >= timeSlice_;
+  return running_ && sliceClock_->now() - sliceStart_ >= timeSlice_;
 }
 
 void TaskScheduler::enqueue(Task* task) {
@@ -37,7 +37,7 @@ size_t TaskScheduler::runReady() {
       --readyCount_;
       Task* outer = running_;
       running_ = task.get();
-      sliceStart_ = sliceClock_.now();
+      sliceStart_ = sliceClock_->now();
       task->run();
       running_ = outer;
       ++ran;

@@ -6,9 +6,10 @@
 // each task that was ready when it started at most once, so a task that reschedules itself waits for the next
 // turn of the loop and I/O and timers get their turn in between.
 //
-// shouldYield() is true once the running task has used its time slice (measured on the monotonic clock,
-// whatever clock the loop runs on). Tests replace that test with a predicate of their own (shouldYieldIs) to
-// make a task yield at a chosen point in simulated time.
+// shouldYield() is true once the running task has used its time slice, measured on the slice clock: the
+// monotonic clock whatever clock the loop runs on, or a clock a test gives (sliceClockIs) and moves itself.
+// Tests may also replace the test with a predicate of their own (shouldYieldIs) to make a task yield at a
+// chosen point.
 
 #include <cstddef>
 #include <deque>
@@ -33,6 +34,7 @@ class TaskScheduler : public Object {
 
   bool shouldYield() const;
   void shouldYieldIs(std::function<bool()> predicate) { yieldPredicate_ = std::move(predicate); }
+  void sliceClockIs(Ptr<Clock const> clock) { sliceClock_ = std::move(clock); }
   double timeSlice() const { return timeSlice_; }
 
   // Runs every task that was ready when called, once each; returns how many ran.
@@ -48,7 +50,7 @@ class TaskScheduler : public Object {
   void enqueue(Task* task);
 
   double timeSlice_;
-  MonotonicClock sliceClock_;
+  Ptr<Clock const> sliceClock_ = make<MonotonicClock>();
   double sliceStart_ = 0.0;
   std::function<bool()> yieldPredicate_;
   // Priority, most urgent first.

@@ -73,21 +73,29 @@ TEST_F(TaskSchedulerTest, YieldingTaskRunsAgainAfterTheOthers) {
 }
 
 TEST_F(TaskSchedulerTest, ShouldYieldFollowsTheTimeSliceOfTheRunningTask) {
+  auto const slice = make<SimulatedClock>();
+  scheduler.sliceClockIs(slice);
   auto slow = task("slow", 1);
-  bool yieldedBefore = true, yieldedAfter = false;
+  bool yieldedBefore = true, yieldedJustBefore = true, yieldedAfter = false;
   slow->action = [&] {
     yieldedBefore = slow->task->shouldYield();
-    MonotonicClock clock;
-    double const start = clock.now();
-    while (clock.now() - start < scheduler.timeSlice() * 2) {
-    }
+    slice->advance(scheduler.timeSlice() * 0.99);
+    yieldedJustBefore = slow->task->shouldYield();
+    slice->advance(scheduler.timeSlice() * 0.02);
     yieldedAfter = slow->task->shouldYield();
   };
   EXPECT_FALSE(scheduler.shouldYield());  // no task runs
   slow->task->schedule();
   loop->runUntilIdle();
   EXPECT_FALSE(yieldedBefore);
+  EXPECT_FALSE(yieldedJustBefore);
   EXPECT_TRUE(yieldedAfter);
+  // The next task gets a slice of its own.
+  bool nextYielded = true;
+  slow->action = [&] { nextYielded = slow->task->shouldYield(); };
+  slow->task->schedule();
+  loop->runUntilIdle();
+  EXPECT_FALSE(nextYielded);
 }
 
 // The hazard: a more urgent task that schedules itself again while it runs must wait for the next call, not
