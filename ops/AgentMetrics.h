@@ -1,21 +1,30 @@
 #pragma once
-// Metrics in the Prometheus text exposition format (each family with # HELP and # TYPE): the frame and report
-// counters of a running agent (mod_agent_up says whether one answered), and what the shared tables hold:
-// flows, interfaces, per-collector bytes and reports labelled by exporter and collector, exact-match entries
-// by state. When the agent could not be asked (this user may not use its socket), mod_agent_up and the
-// agent's counters are left out rather than reported as 0: absent means unknown, not down.
+// AgentMetrics: an agent's metrics in the Prometheus text format (each family with # HELP and # TYPE), the
+// one renderer behind `modctl metrics` and the agent's own scrape endpoint. Two sources:
+// - the agent's status reply (its control socket's "status"), when it answered: whether it is healthy, the
+//   feature, frame and report counters, flows refused, each capture's state, frames and kernel drops, each
+//   collector's send errors; mod_agent_up says whether it answered;
+// - what the shared tables hold (read from shared memory, so it is there while the agent is down): flows,
+//   flows per interface, per-collector bytes and reports, exact-match entries by state.
+// When the agent could not be asked (this user may not use its socket), mod_agent_up and the agent's
+// families are left out rather than reported as 0: absent means unknown, not down.
 
 #include <optional>
 #include <string>
 
-#include "tools/modctl/ModctlTables.h"
+#include "ops/TableViews.h"
 
-namespace Modctl {
+namespace Ops {
 
 enum class AgentState { answered, notRunning, unknown };
 
-// status: the agent's status reply when state is answered; the others as ModctlTables reads them.
-std::string metricsText(AgentState state, std::optional<Json> const& status, Json const& flows,
+// status: the agent's status reply when state is answered. The tables: flows as a count, the others as
+// TableViews reads them.
+std::string metricsText(AgentState state, std::optional<Json> const& status, size_t flows,
                         Json const& interfaces, Json const& collectors, Json const& exactMatch);
 
-}  // namespace Modctl
+// The same, the tables read from the state directory; nullopt with error set when one cannot be read.
+std::optional<std::string> metricsRead(std::string const& stateDir, AgentState state,
+                                       std::optional<Json> const& status, std::string& error);
+
+}  // namespace Ops

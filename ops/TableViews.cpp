@@ -1,4 +1,4 @@
-#include "tools/modctl/ModctlTables.h"
+#include "ops/TableViews.h"
 
 #include <algorithm>
 #include <map>
@@ -10,7 +10,7 @@
 #include "mirror_on_drop/MirrorOnDropReport.h"
 #include "platform/table/SharedTableReader.h"
 
-namespace Modctl {
+namespace Ops {
 
 using namespace MirrorOnDrop;
 
@@ -70,6 +70,15 @@ std::optional<Json> flowsRead(std::string const& stateDir, std::string& error) {
     rows.push_back(std::move(j));
   }
   return listed("flows", std::move(rows));
+}
+
+std::optional<size_t> flowCount(std::string const& stateDir, std::string& error) {
+  std::string const name = std::string(TableName::kReportStatus) + ".entry";
+  auto reader = Calyx::SharedTableReader<Report::Key, Report::EntryStatus>::forTable(name, stateDir);
+  size_t const n = reader.count();
+  if (reader.error() == Calyx::SharedTableReadError::none) return n;
+  error = "cannot read the table " + name + " in " + stateDir + ": " + reader.errorText();
+  return std::nullopt;
 }
 
 std::optional<Json> interfacesRead(std::string const& stateDir, std::string& error) {
@@ -167,4 +176,4 @@ std::string tableText(Json const& doc) {
   return doc.dump(2) + "\n";
 }
 
-}  // namespace Modctl
+}  // namespace Ops

@@ -1,6 +1,8 @@
 #pragma once
-// What modctl shows of the feature's shared tables, read straight from shared memory (so it works while the
-// agent is down or hung): one JSON document per view, with stable keys, and a readable table made from it.
+// TableViews: the feature's shared tables as operators see them, read straight from shared memory (so they
+// work while the agent is down or hung, and from any thread or process that may read the state directory):
+// one JSON document per view, with stable keys, and a readable table made from it. modctl shows them; the
+// metrics (modctl metrics, and the agent's scrape endpoint) count from them.
 //
 //   flows:       {"flows": [{"ip_proto", "src_ip", "dst_ip", "src_port", "dst_port", "type", "timestamp",
 //                            "data_size", "interfaces": [...]}], "count"}  (in flow key order; the timestamp
@@ -15,7 +17,7 @@
 #include <optional>
 #include <string>
 
-namespace Modctl {
+namespace Ops {
 
 using Json = nlohmann::ordered_json;
 
@@ -24,9 +26,11 @@ std::optional<Json> flowsRead(std::string const& stateDir, std::string& error);
 std::optional<Json> interfacesRead(std::string const& stateDir, std::string& error);
 std::optional<Json> collectorsRead(std::string const& stateDir, std::string& error);
 std::optional<Json> exactMatchRead(std::string const& stateDir, std::string& error);
+// How many flows the flow table holds, without reading them.
+std::optional<size_t> flowCount(std::string const& stateDir, std::string& error);
 
 // The readable form of one of the documents above: a table with a header line, "(no ...)" when it is empty,
 // and a last line saying how many were left out by a filter or a limit.
 std::string tableText(Json const& doc);
 
-}  // namespace Modctl
+}  // namespace Ops

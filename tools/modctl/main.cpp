@@ -8,11 +8,11 @@
 #include <set>
 
 #include "mirror_on_drop/MirrorOnDropPlugin.h"
+#include "ops/AgentMetrics.h"
+#include "ops/TableViews.h"
 #include "platform/core/RingTrace.h"
 #include "tools/modctl/ControlClient.h"
 #include "tools/modctl/FlowQuery.h"
-#include "tools/modctl/Metrics.h"
-#include "tools/modctl/ModctlTables.h"
 
 namespace {
 
@@ -46,7 +46,7 @@ int usage(std::string const& command, std::string const& error) {
 
 int print(std::optional<Json> const& doc, std::string const& error, bool json) {
   if (!doc) return fail(error);
-  std::cout << (json ? doc->dump(2) + "\n" : Modctl::tableText(*doc));
+  std::cout << (json ? doc->dump(2) + "\n" : Ops::tableText(*doc));
   return 0;
 }
 
@@ -114,7 +114,7 @@ std::optional<int> leftoversRefused(CLI::App& app) {
 // The exporter must have collectors in the counter table, or there is nothing to clear: a typo.
 std::optional<int> exporterRefused(Options const& o) {
   std::string error;
-  auto const table = Modctl::collectorsRead(o.stateDir, error);
+  auto const table = Ops::collectorsRead(o.stateDir, error);
   if (o.exporter.empty() || !table) return std::nullopt;  // unreadable here: the agent decides
   std::set<std::string> known;
   for (auto const& c : (*table)["collectors"]) known.insert(c["exporter"].get<std::string>());
@@ -148,22 +148,19 @@ int traceDump(Options const& o, std::optional<Modctl::FlowQuery::Time> time) {
 }
 
 int metrics(Options const& o) {
-  std::string error;
-  auto const f = Modctl::flowsRead(o.stateDir, error);
-  auto const i = f ? Modctl::interfacesRead(o.stateDir, error) : std::nullopt;
-  auto const c = i ? Modctl::collectorsRead(o.stateDir, error) : std::nullopt;
-  auto const e = c ? Modctl::exactMatchRead(o.stateDir, error) : std::nullopt;
-  if (!e) return fail(error);
   auto const r = Modctl::controlRequest(o.socketPath(), {{"command", "status"}});
   auto state =
-      r.reply && r.reply->value("ok", false) ? Modctl::AgentState::answered : Modctl::AgentState::notRunning;
+      r.reply && r.reply->value("ok", false) ? Ops::AgentState::answered : Ops::AgentState::notRunning;
   if (r.failure == ControlFailure::denied) {
     // Whether the agent runs is unknown to this user: no mod_agent_up rather than a false alarm.
-    state = Modctl::AgentState::unknown;
+    state = Ops::AgentState::unknown;
     std::cerr << "modctl: metrics: the agent's counters and mod_agent_up are left out: " << r.error
               << std::endl;
   }
-  std::cout << Modctl::metricsText(state, r.reply, *f, *i, *c, *e);
+  std::string error;
+  auto const text = Ops::metricsRead(o.stateDir, state, r.reply, error);
+  if (!text) return fail(error);
+  std::cout << *text;
   return 0;
 }
 
@@ -272,13 +269,13 @@ int main(int argc, char** argv) {
     query.limitIs(limit);
     if (time) query.timeIs(*time);
     std::string error;
-    auto const doc = Modctl::flowsRead(o.stateDir, error);
+    auto const doc = Ops::flowsRead(o.stateDir, error);
     return print(doc ? std::optional<Json>(query.applied(*doc, o.json)) : std::nullopt, error, o.json);
   }
   std::string error;
-  if (interfaces->parsed()) return print(Modctl::interfacesRead(o.stateDir, error), error, o.json);
-  if (collectors->parsed()) return print(Modctl::collectorsRead(o.stateDir, error), error, o.json);
-  if (exactMatch->parsed()) return print(Modctl::exactMatchRead(o.stateDir, error), error, o.json);
+  if (interfaces->parsed()) return print(Ops::interfacesRead(o.stateDir, error), error, o.json);
+  if (collectors->parsed()) return print(Ops::collectorsRead(o.stateDir, error), error, o.json);
+  if (exactMatch->parsed()) return print(Ops::exactMatchRead(o.stateDir, error), error, o.json);
   if (status->parsed()) return ask(o, {{"command", "status"}}, statusText);
   if (counters->parsed()) {
     if (auto refused = exporterRefused(o)) return *refused;
