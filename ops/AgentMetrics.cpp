@@ -60,8 +60,7 @@ void agentFamilies(PrometheusText& w, Json const& status) {
 
 }  // namespace
 
-std::string metricsText(AgentState state, std::optional<Json> const& status, size_t flows,
-                        Json const& interfaces, Json const& collectors, Json const& exactMatch) {
+std::string metricsText(AgentState state, std::optional<Json> const& status, TableCounts const& tables) {
   PrometheusText w;
   if (state != AgentState::unknown) {
     w.family("mod_agent_up", "gauge", "1 when mod-agent answered on its control socket.");
@@ -69,36 +68,24 @@ std::string metricsText(AgentState state, std::optional<Json> const& status, siz
   }
   if (status) agentFamilies(w, *status);
   w.family("mod_flows", "gauge", "Flows being reported (the report status table).");
-  w.sample("mod_flows", flows);
+  w.sample("mod_flows", tables.flows);
   w.family("mod_interface_flows", "gauge", "Flows being reported, by the interface of their first drop.");
-  for (auto const& i : interfaces["interfaces"])
+  for (auto const& i : tables.interfaces)
     w.sample("mod_interface_flows", i["flows"].get<uint64_t>(), label("interface", i["interface"]));
   w.family("mod_collector_bytes_total", "counter", "Report bytes sent to a collector.");
-  for (auto const& c : collectors["collectors"])
+  for (auto const& c : tables.collectors)
     w.sample("mod_collector_bytes_total", c["bytes"].get<uint64_t>(), collectorLabels(c));
   w.family("mod_collector_reports_total", "counter", "Reports sent to a collector, by type.");
-  for (auto const& c : collectors["collectors"]) {
+  for (auto const& c : tables.collectors) {
     std::string const who = collectorLabels(c);
     w.sample("mod_collector_reports_total", c["start"].get<uint64_t>(), who + "," + label("type", "start"));
     w.sample("mod_collector_reports_total", c["stop"].get<uint64_t>(), who + "," + label("type", "stop"));
   }
-  size_t installed = 0;
-  for (auto const& e : exactMatch["entries"]) installed += e["installed"].get<bool>();
   w.family("mod_exact_match_entries", "gauge", "Exact-match entries requested, by hardware state.");
-  w.sample("mod_exact_match_entries", installed, label("state", "installed"));
-  w.sample("mod_exact_match_entries", exactMatch["count"].get<size_t>() - installed,
+  w.sample("mod_exact_match_entries", tables.exactMatchInstalled, label("state", "installed"));
+  w.sample("mod_exact_match_entries", tables.exactMatch - tables.exactMatchInstalled,
            label("state", "not_installed"));
   return w.str();
-}
-
-std::optional<std::string> metricsRead(std::string const& stateDir, AgentState state,
-                                       std::optional<Json> const& status, std::string& error) {
-  auto const f = flowCount(stateDir, error);
-  auto const i = f ? interfacesRead(stateDir, error) : std::nullopt;
-  auto const c = i ? collectorsRead(stateDir, error) : std::nullopt;
-  auto const e = c ? exactMatchRead(stateDir, error) : std::nullopt;
-  if (!e) return std::nullopt;
-  return metricsText(state, status, *f, *i, *c, *e);
 }
 
 }  // namespace Ops

@@ -18,13 +18,7 @@ namespace Ops {
 
 enum class AgentState { answered, notRunning, unknown };
 
-// status: the agent's status reply when state is answered. The tables: flows as a count, the others as
-// TableViews reads them.
-std::string metricsText(AgentState state, std::optional<Json> const& status, size_t flows,
-                        Json const& interfaces, Json const& collectors, Json const& exactMatch);
-
-// The same, the tables read from the state directory; nullopt with error set when one cannot be read.
-std::optional<std::string> metricsRead(std::string const& stateDir, AgentState state,
-                                       std::optional<Json> const& status, std::string& error);
+// status: the agent's status reply when state is answered.
+std::string metricsText(AgentState state, std::optional<Json> const& status, TableCounts const& tables);
 
 }  // namespace Ops

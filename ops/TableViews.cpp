@@ -125,6 +125,21 @@ std::optional<Json> exactMatchRead(std::string const& stateDir, std::string& err
   return listed("entries", std::move(out));
 }
 
+std::optional<TableCounts> tableCountsRead(std::string const& stateDir, std::string& error) {
+  auto const f = flowCount(stateDir, error);
+  auto const i = f ? interfacesRead(stateDir, error) : std::nullopt;
+  auto const c = i ? collectorsRead(stateDir, error) : std::nullopt;
+  auto const e = c ? exactMatchRead(stateDir, error) : std::nullopt;
+  if (!e) return std::nullopt;
+  TableCounts t;
+  t.flows = *f;
+  t.interfaces = (*i)["interfaces"];
+  t.collectors = (*c)["collectors"];
+  t.exactMatch = (*e)["count"].get<size_t>();
+  for (auto const& entry : (*e)["entries"]) t.exactMatchInstalled += entry["installed"].get<bool>();
+  return t;
+}
+
 std::string tableText(Json const& doc) {
   // The first array in the document is the table; its first row's keys are the columns.
   for (auto const& [key, rows] : doc.items()) {
@@ -143,6 +158,8 @@ std::string tableText(Json const& doc) {
         Json const& v = row[c];
         if (v.is_string()) {
           line.push_back(v.get<std::string>());
+        } else if (v.is_null()) {
+          line.push_back("-");  // not known here
         } else if (v.is_array()) {
           std::string joined;
           for (auto const& x : v)

@@ -9,7 +9,8 @@
 //                            in nanoseconds as the chip gives it; FlowQuery filters, sorts and adds
 //                            "matching")
 //   interfaces:  {"interfaces": [{"interface", "flows"}], "count"}
-//   collectors:  {"collectors": [{"exporter", "collector", "bytes", "start", "stop"}], "count"}
+//   collectors:  {"collectors": [{"exporter", "collector", "bytes", "start", "stop"}], "count"} (modctl adds
+//                "send_errors" from the running agent: null, shown "-", when it cannot be asked)
 //   exact-match: {"entries": [{"ip_proto", "src_ip", "dst_ip", "src_port", "dst_port", "interface",
 //                              "installed"}], "count"}
 
@@ -28,6 +29,19 @@ std::optional<Json> collectorsRead(std::string const& stateDir, std::string& err
 std::optional<Json> exactMatchRead(std::string const& stateDir, std::string& error);
 // How many flows the flow table holds, without reading them.
 std::optional<size_t> flowCount(std::string const& stateDir, std::string& error);
+
+// What the metrics count of the shared tables: read from shared memory by modctl (tableCountsRead), taken
+// from its own tables by the agent.
+struct TableCounts {
+  size_t flows = 0;
+  Json interfaces = Json::array();  // [{"interface", "flows"}], as TableViews gives them
+  Json collectors = Json::array();  // [{"exporter", "collector", "bytes", "start", "stop"}]
+  size_t exactMatch = 0;            // exact-match entries requested
+  size_t exactMatchInstalled = 0;   // of which installed
+};
+
+// The counts read from the state directory; nullopt with error set when a table cannot be read.
+std::optional<TableCounts> tableCountsRead(std::string const& stateDir, std::string& error);
 
 // The readable form of one of the documents above: a table with a header line, "(no ...)" when it is empty,
 // and a last line saying how many were left out by a filter or a limit.

@@ -69,6 +69,13 @@ int ask(Options const& o, Json const& request, std::function<void(Json const&)> 
 }
 
 void statusText(Json const& r) {
+  // Said first and plainly: an agent that runs is not always an agent that works.
+  if (r.value("health", "ok") == "ok") {
+    std::cout << "health: ok\n";
+  } else {
+    for (auto const& p : r["problems"]) std::cout << "health: DEGRADED: " << p.get<std::string>() << "\n";
+  }
+  if (r.value("stopping", false)) std::cout << "stopping: closing the live flows\n";
   std::cout << "feature: " << r["feature"].get<std::string>() << "\n";
   if (r["tracker"].is_null()) {
     std::cout << "tracker: none\n";
@@ -80,8 +87,30 @@ void statusText(Json const& r) {
   auto const& c = r["counters"];
   std::cout << "frames: received " << c["received"] << ", processed " << c["processed"] << ", rejected "
             << c["rejected"] << "\nflows refused: " << c.value("refused_flows", 0) << "\nreports sent: START "
-            << c["start_reports"] << ", STOP " << c["stop_reports"]
-            << "\nuptime: " << int64_t(r["uptime"].get<double>()) << " s (pid " << r["pid"] << ")\n";
+            << c["start_reports"] << ", STOP " << c["stop_reports"] << "\n";
+  for (auto const& k : r.value("captures", Json::array())) {
+    std::cout << "capture: " << k["interface"].get<std::string>() << " " << k["state"].get<std::string>();
+    if (!k["reason"].get<std::string>().empty()) std::cout << " (" << k["reason"].get<std::string>() << ")";
+    std::cout << ", frames " << k["frames"] << ", kernel drops " << k["kernel_drops"] << "\n";
+  }
+  std::cout << "uptime: " << int64_t(r["uptime"].get<double>()) << " s (pid " << r["pid"] << ")\n";
+}
+
+// The collectors' table, with each collector's send errors when the agent can tell them: they are the
+// agent's statistics, not the table's (null while it cannot be asked).
+std::optional<Json> collectorsWithErrors(Options const& o, std::string& error) {
+  auto doc = Ops::collectorsRead(o.stateDir, error);
+  if (!doc) return doc;
+  auto const r = Modctl::controlRequest(o.socketPath(), {{"command", "status"}}, 1000);
+  Json const known = r.reply ? r.reply->value("collectors", Json::array()) : Json::array();
+  for (auto& row : (*doc)["collectors"]) {
+    row["send_errors"] = nullptr;
+    for (auto const& k : known) {
+      if (k["exporter"] == row["exporter"] && k["collector"] == row["collector"])
+        row["send_errors"] = k["send_errors"];
+    }
+  }
+  return doc;
 }
 
 std::string names(CLI::App const& group) {
@@ -158,9 +187,9 @@ int metrics(Options const& o) {
               << std::endl;
   }
   std::string error;
-  auto const text = Ops::metricsRead(o.stateDir, state, r.reply, error);
-  if (!text) return fail(error);
-  std::cout << *text;
+  auto const tables = Ops::tableCountsRead(o.stateDir, error);
+  if (!tables) return fail(error);
+  std::cout << Ops::metricsText(state, r.reply, *tables);
   return 0;
 }
 
@@ -227,7 +256,8 @@ int main(int argc, char** argv) {
   flows->add_option("--limit", limit, "at most N flows (after --filter and --sort)")->type_name("N");
   timeOption(flows);
   auto* interfaces = show->add_subcommand("interfaces", "flows per interface of their first drop");
-  auto* collectors = show->add_subcommand("collectors", "bytes and reports per exporter and collector");
+  auto* collectors = show->add_subcommand(
+      "collectors", "bytes, reports and send errors per exporter and collector (errors: from the agent)");
   auto* exactMatch =
       show->add_subcommand("exact-match", "exact-match entries requested and whether installed");
   auto* status = app.add_subcommand("status", "the feature, the active tracker and the agent's counters");
@@ -274,7 +304,7 @@ int main(int argc, char** argv) {
   }
   std::string error;
   if (interfaces->parsed()) return print(Ops::interfacesRead(o.stateDir, error), error, o.json);
-  if (collectors->parsed()) return print(Ops::collectorsRead(o.stateDir, error), error, o.json);
+  if (collectors->parsed()) return print(collectorsWithErrors(o, error), error, o.json);
   if (exactMatch->parsed()) return print(Ops::exactMatchRead(o.stateDir, error), error, o.json);
   if (status->parsed()) return ask(o, {{"command", "status"}}, statusText);
   if (counters->parsed()) {
