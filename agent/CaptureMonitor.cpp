@@ -37,8 +37,13 @@ void CaptureMonitor::pamChanged(IntfId const& intf) {
   if (it != current_.end() && it->second != now) {
     Totals& t = withdrawn_[intf];
     t.frames += it->second->rxPktsTotal();
-    if (auto const* live = dynamic_cast<LivePam const*>(it->second.get()))
+    t.lastState = "up";
+    t.lastReason.clear();
+    if (auto const* live = dynamic_cast<LivePam const*>(it->second.get())) {
       t.kernelDrops += live->kernelDrops();
+      t.lastState = LivePam::stateText(live->state());
+      if (live->state() != LivePam::State::up) t.lastReason = live->lastError();
+    }
     current_.erase(it);
   }
   if (now) current_[intf] = now;
@@ -105,7 +110,11 @@ nlohmann::json CaptureMonitor::json() const {
 
 std::string CaptureMonitor::summary() const {
   std::ostringstream os;
-  for (auto const& h : captures()) {
+  for (auto h : captures()) {
+    if (auto w = withdrawn_.find(IntfId(h.interface)); h.state == "off" && w != withdrawn_.end()) {
+      h.state = w->second.lastState;
+      h.reason = w->second.lastReason;
+    }
     os << (os.tellp() > 0 ? "; " : "") << h.interface << " frames " << h.frames << ", kernel drops "
        << h.kernelDrops;
     if (h.state == "failed" || h.state == "retrying") os << " (" << h.state << ": " << h.reason << ")";

@@ -49,6 +49,8 @@ class CaptureMonitor {
   struct Totals {
     uint64_t frames = 0;
     uint64_t kernelDrops = 0;
+    std::string lastState;  // of the module last withdrawn, and why when it was not up
+    std::string lastReason;
   };
 
   void pamChanged(Calyx::IntfId const& intf);
