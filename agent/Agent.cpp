@@ -105,8 +105,10 @@ std::string Agent::pluginDefaultPath() {
   std::error_code ec;
   std::filesystem::path const self = std::filesystem::read_symlink("/proc/self/exe", ec);
   std::filesystem::path const dir = ec ? std::filesystem::path(".") : self.parent_path();
-  for (auto const& candidate : {dir / "libmirror_on_drop.so", dir / "../mirror_on_drop/libmirror_on_drop.so",
-                                dir / "../lib/libmirror_on_drop.so"}) {
+  // Beside the program, the build tree's layout, an install's (bin/ beside lib/mirror-on-drop/), a flat lib/.
+  for (auto const& candidate :
+       {dir / "libmirror_on_drop.so", dir / "../mirror_on_drop/libmirror_on_drop.so",
+        dir / "../lib/mirror-on-drop/libmirror_on_drop.so", dir / "../lib/libmirror_on_drop.so"}) {
     if (std::filesystem::exists(candidate, ec)) return candidate.lexically_normal().string();
   }
   return (dir / "libmirror_on_drop.so").string();

@@ -278,6 +278,7 @@ int main(int argc, char** argv) {
   auto* metricsCommand = app.add_subcommand(
       "metrics", "metrics in the Prometheus text format (for a node exporter's textfile collector)");
   app.footer(kFooter);  // set last: subcommands made before it do not repeat it
+  app.set_version_flag("--version", std::string("modctl ") + MOD_VERSION);
   try {
     app.parse(argc, argv);
   } catch (CLI::ParseError const& e) {
