@@ -7,10 +7,11 @@ set(CPACK_PACKAGE_NAME mirror-on-drop)
 set(CPACK_PACKAGE_VERSION ${PROJECT_VERSION})
 set(CPACK_PACKAGE_CONTACT "Mirror-on-Drop maintainers <mirror-on-drop@localhost>")
 set(CPACK_PACKAGE_DESCRIPTION_SUMMARY "Drop telemetry from a switch chip's mirrored drop frames")
-set(CPACK_PACKAGE_DESCRIPTION
-    "mod-agent turns the frames a switch chip mirrors for the packets it drops into flows, keeps them in\n"
-    "shared-memory tables and reports each flow's start and stop to collectors; modctl shows the tables and\n"
-    "talks to the agent; mod-gen crafts mirrored drop frames; mod-collector receives and stores reports.")
+string(CONCAT CPACK_PACKAGE_DESCRIPTION
+       "mod-agent turns the frames a switch chip mirrors for the packets it drops into flows, keeps them in "
+       "shared-memory tables and reports each flow's start and stop to collectors. modctl shows the tables "
+       "and talks to the agent, mod-gen crafts mirrored drop frames, mod-collector receives and stores "
+       "reports.")
 set(CPACK_DEBIAN_FILE_NAME DEB-DEFAULT)
 set(CPACK_DEBIAN_PACKAGE_SECTION net)
 set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS ON)
