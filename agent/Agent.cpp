@@ -64,15 +64,15 @@ class Agent::SignalReactor : public Calyx::EventLoop::Reactor {
   Agent& agent_;
 };
 
-// During a stop: the collectors' counters after each STOP report, since the feature's turn-off ends with the
-// sender's clean-up emptying the collector table before the summary can read it.
+// During a stop: the collectors' counters once the last STOP report is out (the turn-off is ready), since the
+// turn-off then ends with the sender's clean-up emptying the collector table before the summary can read it.
 class Agent::StopWatch : public MirrorOnDrop::Exchanger::Reactor {
  public:
   StopWatch(Agent& agent, Ptr<MirrorOnDrop::Exchanger> exchanger)
       : Reactor(std::move(exchanger)), agent_(agent) {
-    handleCounterSentStopReport();
+    handleIsToggleFeatureOffReady();
   }
-  void handleCounterSentStopReport() override {
+  void handleIsToggleFeatureOffReady() override {
     if (agent_.host_->collectorStatus()->entryCount() == 0) return;
     agent_.collectorsAtStop_ = agent_.plugin_->tableAs<MirrorOnDrop::PluginTable>().collectorCountersRead(
         *agent_.host_->collectorStatus());
