@@ -1,7 +1,9 @@
 #pragma once
 // ControlService: what the agent answers on its control socket, one JSON object per line each way.
 //
-//   {"command": "status"}                                   the feature, the active tracker, counters, uptime
+//   {"command": "status"}                                   the feature, the active tracker, counters,
+//   uptime,
+//                                                           and what the host adds (statusExtraIs)
 //   {"command": "clear-counters", "exporter": "e1"}         clear one exporter's collector counters (or all)
 //   {"command": "trace-set", "handle": "MOD-Manager", "levels": "0-4"}
 //   {"command": "trace-show"}                               every trace handle with its levels
