@@ -9,6 +9,7 @@
 
 #include <filesystem>
 #include <fstream>
+#include <regex>
 #include <sstream>
 #include <string>
 
@@ -117,20 +118,28 @@ TEST_F(StormTest, PastTheFlowCapNewFlowsAreRefusedAndEveryAcceptedOneIsReported)
 // closed and what it left.
 TEST_F(StormTest, AStopThatCannotCompleteEndsAtItsDeadlineAndSaysWhatItLeft) {
   capture(66000);
-  Calyx::Test::Program agent("mod-agent", {"--config", config("stop_timeout = 1\n", "3600", "max")}, work);
+  Calyx::Test::Program agent("mod-agent", {"--config", config("stop_timeout = 5\n", "3600", "max")}, work);
   for (int i = 0; i < 6000 && sink.datagrams() < 66000; ++i) usleep(10000);  // every START is out
   ASSERT_EQ(sink.datagrams(), 66000u) << agent.err();
   agent.signal(SIGTERM);
   ASSERT_EQ(agent.wait(120), 0) << agent.err();
   sink.settle();
-  EXPECT_EQ(startThenStop(), std::make_pair(size_t(66000), size_t(0)));
   // 66,000 = 65,536 + 464: the 464th STOP took the counter to zero and away; the 65,536 flows after it keep
-  // their exact-match entries, which the turn-off waits for in vain.
-  EXPECT_NE(
-      agent.err().find("stop: 66000 flows closed, 0 left (stop_timeout (1 s) passed; the next agent on " +
-                       state.path() + " sends their STOP reports; 65536 exact-match entries left)"),
-      std::string::npos)
-      << agent.err();
+  // their exact-match entries, which the turn-off waits for in vain. However far the STOPs got in 5 s (all of
+  // them, but on a slow build), what was closed and what was left make up every flow, and the tables hold
+  // what was left.
+  std::smatch said;
+  std::string const err = agent.err();
+  ASSERT_TRUE(
+      std::regex_search(err, said,
+                        std::regex("stop: ([0-9]+) flows closed, ([0-9]+) left \\(stop_timeout \\(5 s\\) "
+                                   "passed; [^;]*; ([0-9]+) exact-match entries left\\)")))
+      << err;
+  size_t const closed = std::stoul(said[1]), left = std::stoul(said[2]);
+  EXPECT_EQ(closed + left, 66000u);
+  EXPECT_GE(std::stoul(said[3]), 65536u);
+  EXPECT_EQ(startThenStop(), std::make_pair(closed, left));  // a START alone for each flow left
+  EXPECT_EQ(tableCount("reportStatus.entry"), left);
 }
 
 }  // namespace
