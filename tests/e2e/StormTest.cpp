@@ -9,7 +9,6 @@
 
 #include <filesystem>
 #include <fstream>
-#include <regex>
 #include <sstream>
 #include <string>
 
@@ -113,33 +112,28 @@ TEST_F(StormTest, PastTheFlowCapNewFlowsAreRefusedAndEveryAcceptedOneIsReported)
 }
 
 // Stopped with more flows on one interface than its 16-bit flow counter holds (a replay as fast as it goes on
-// the real clock, so that the flows wait for the stop), the turn-off sends every STOP but can never complete
-// (the wrapped counter's exact-match entries stay): the deadline ends it, and the summary says what the stop
-// closed and what it left.
-TEST_F(StormTest, AStopThatCannotCompleteEndsAtItsDeadlineAndSaysWhatItLeft) {
+// the real clock, so that the flows wait for the stop), the turn-off sends every STOP but can never complete:
+// the wrapped counter's exact-match entries stay. A second SIGTERM ends the stop at once (as the deadline
+// would), and the summary says what it closed, what it left and the entries it could not remove.
+TEST_F(StormTest, AStopThatCannotCompleteEndsOnASecondSignalAndSaysWhatItLeft) {
   capture(66000);
-  Calyx::Test::Program agent("mod-agent", {"--config", config("stop_timeout = 5\n", "3600", "max")}, work);
+  Calyx::Test::Program agent("mod-agent", {"--config", config("stop_timeout = 600\n", "3600", "max")}, work);
   for (int i = 0; i < 6000 && sink.datagrams() < 66000; ++i) usleep(10000);  // every START is out
   ASSERT_EQ(sink.datagrams(), 66000u) << agent.err();
   agent.signal(SIGTERM);
-  ASSERT_EQ(agent.wait(120), 0) << agent.err();
+  for (int i = 0; i < 6000 && sink.datagrams() < 132000; ++i) usleep(10000);  // every STOP is out
+  ASSERT_EQ(sink.datagrams(), 132000u) << agent.err();
+  EXPECT_FALSE(agent.wait(0.5)) << "the turn-off completed: " << agent.err();
+  agent.signal(SIGTERM);
+  ASSERT_EQ(agent.wait(30), 0) << agent.err();
   sink.settle();
+  EXPECT_EQ(startThenStop(), std::make_pair(size_t(66000), size_t(0)));
   // 66,000 = 65,536 + 464: the 464th STOP took the counter to zero and away; the 65,536 flows after it keep
-  // their exact-match entries, which the turn-off waits for in vain. However far the STOPs got in 5 s (all of
-  // them, but on a slow build), what was closed and what was left make up every flow, and the tables hold
-  // what was left.
-  std::smatch said;
-  std::string const err = agent.err();
-  ASSERT_TRUE(
-      std::regex_search(err, said,
-                        std::regex("stop: ([0-9]+) flows closed, ([0-9]+) left \\(stop_timeout \\(5 s\\) "
-                                   "passed; [^;]*; ([0-9]+) exact-match entries left\\)")))
-      << err;
-  size_t const closed = std::stoul(said[1]), left = std::stoul(said[2]);
-  EXPECT_EQ(closed + left, 66000u);
-  EXPECT_GE(std::stoul(said[3]), 65536u);
-  EXPECT_EQ(startThenStop(), std::make_pair(closed, left));  // a START alone for each flow left
-  EXPECT_EQ(tableCount("reportStatus.entry"), left);
+  // their exact-match entries.
+  EXPECT_NE(agent.err().find("stop: 66000 flows closed, 0 left (a second SIGTERM; the next agent on " +
+                             state.path() + " sends their STOP reports; 65536 exact-match entries left)"),
+            std::string::npos)
+      << agent.err();
 }
 
 }  // namespace
