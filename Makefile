@@ -2,7 +2,7 @@
 PRESET ?= dev
 JOBS ?= $(shell nproc)
 
-.PHONY: all deps build test asan demo bench fuzz format format-check clean
+.PHONY: all deps build test asan demo bench fuzz package format format-check clean
 
 all: build
 
@@ -26,6 +26,11 @@ demo:
 bench:
 	@$(MAKE) --no-print-directory build PRESET=release
 	@for b in build/release/bench/bench_*; do echo "== $$b"; $$b --benchmark_min_time=0.2; done
+
+# A Debian package of the release build (CPack's DEB generator), in build/release.
+package:
+	@$(MAKE) --no-print-directory build PRESET=release
+	@cd build/release && cpack -G DEB
 
 fuzz: deps
 	@cmake --preset fuzz >/dev/null

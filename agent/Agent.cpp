@@ -2,15 +2,22 @@
 
 #include <signal.h>
 #include <stdlib.h>
+#include <sys/timerfd.h>
 #include <unistd.h>
 
+#include <algorithm>
+#include <cerrno>
 #include <cstdio>
+#include <cstring>
 #include <filesystem>
 #include <iostream>
 #include <sstream>
 #include <tuple>
 
 #include "agent/ConfigApply.h"
+#include "agent/ConfigDiff.h"
+#include "agent/Privileges.h"
+#include "ops/AgentMetrics.h"
 #include "platform/core/RingTrace.h"
 #include "platform/core/Trace.h"
 #include "platform/core/TraceSink.h"
@@ -25,9 +32,21 @@ namespace {
 
 constexpr double kProgressEvery = 2.0;  // seconds of real time between progress lines of a replay
 constexpr double kVirtualStep = 1.0;    // seconds of virtual time per turn of the replay's outer loop
+constexpr double kHeartbeat = 1.0;      // seconds of real time between two looks at the agent's health
 
+// One record per line, with the wall-clock time: "2026-11-25T08:56:00.173579Z mod-agent: ...".
 void say(std::string const& line) {
-  std::cerr << "mod-agent: " << line << std::endl;
+  char stamp[40];
+  size_t const n = Calyx::isoTimeNow(stamp, sizeof stamp);
+  std::string text;
+  for (char c : line) text += c == '\n' ? std::string("\\n") : std::string(1, c);
+  std::cerr << std::string_view(stamp, n) << " mod-agent: " << text << std::endl;
+}
+
+std::string seconds(double s) {
+  std::ostringstream os;
+  os << s << " s";
+  return os.str();
 }
 
 }  // namespace
@@ -38,8 +57,25 @@ class Agent::SignalReactor : public Calyx::EventLoop::Reactor {
   SignalReactor(Agent& agent, Ptr<Calyx::EventLoop> loop) : Reactor(std::move(loop)), agent_(agent) {}
   void handleSignal(int signo) override {
     if (signo == SIGHUP) return agent_.reload();
-    say(std::string("stopping on ") + (signo == SIGINT ? "SIGINT" : "SIGTERM"));
-    agent_.loop_->stop();
+    agent_.stopAsked(signo);
+  }
+
+ private:
+  Agent& agent_;
+};
+
+// During a stop: the collectors' counters once the last STOP report is out (the turn-off is ready), since the
+// turn-off then ends with the sender's clean-up emptying the collector table before the summary can read it.
+class Agent::StopWatch : public MirrorOnDrop::Exchanger::Reactor {
+ public:
+  StopWatch(Agent& agent, Ptr<MirrorOnDrop::Exchanger> exchanger)
+      : Reactor(std::move(exchanger)), agent_(agent) {
+    handleIsToggleFeatureOffReady();
+  }
+  void handleIsToggleFeatureOffReady() override {
+    if (agent_.host_->collectorStatus()->entryCount() == 0) return;
+    agent_.collectorsAtStop_ = agent_.plugin_->tableAs<MirrorOnDrop::PluginTable>().collectorCountersRead(
+        *agent_.host_->collectorStatus());
   }
 
  private:
@@ -51,7 +87,12 @@ Agent::Agent(AgentConfig config, std::string pluginPath, ConfigLoader loader)
 
 Agent::~Agent() {
   signalReactor_.reset();
+  stopWatch_.reset();
+  metrics_.reset();  // its threads ask the control service for the status
+  heartbeatWatch_.reset();
+  if (heartbeatFd_ >= 0) close(heartbeatFd_);
   control_.reset();
+  captures_.reset();
   host_.reset();  // the feature down first: the manager's clean-up turns it off
   exactMatchTables_.clear();
   statusStore_.reset();
@@ -64,21 +105,32 @@ std::string Agent::pluginDefaultPath() {
   std::error_code ec;
   std::filesystem::path const self = std::filesystem::read_symlink("/proc/self/exe", ec);
   std::filesystem::path const dir = ec ? std::filesystem::path(".") : self.parent_path();
-  for (auto const& candidate : {dir / "libmirror_on_drop.so", dir / "../mirror_on_drop/libmirror_on_drop.so",
-                                dir / "../lib/libmirror_on_drop.so"}) {
+  // Beside the program, the build tree's layout, an install's (bin/ beside lib/mirror-on-drop/), a flat lib/.
+  for (auto const& candidate :
+       {dir / "libmirror_on_drop.so", dir / "../mirror_on_drop/libmirror_on_drop.so",
+        dir / "../lib/mirror-on-drop/libmirror_on_drop.so", dir / "../lib/libmirror_on_drop.so"}) {
     if (std::filesystem::exists(candidate, ec)) return candidate.lexically_normal().string();
   }
   return (dir / "libmirror_on_drop.so").string();
 }
 
-void Agent::traceApply(AgentConfig const& c) {
-  std::string const error = Calyx::TraceRegistry::instance().levelsApply(c.traceLevels);
-  if (!error.empty()) say("trace levels \"" + c.traceLevels + "\": " + error);
+// The sink is made first: a file that cannot be opened changes nothing and is an error.
+bool Agent::traceApply(AgentConfig const& c, std::string& error) {
+  std::shared_ptr<Calyx::TraceSink> sink;
   if (c.traceOutput == "stderr") {
-    Calyx::TraceRegistry::instance().sinkIs(std::make_shared<Calyx::StderrTraceSink>());
+    sink = std::make_shared<Calyx::StderrTraceSink>();
   } else {
-    Calyx::TraceRegistry::instance().sinkIs(std::make_shared<Calyx::FileTraceSink>(c.traceOutput));
+    auto file = std::make_shared<Calyx::FileTraceSink>(c.traceOutput);
+    if (!file->isOpen()) {
+      error = c.file + ": trace.output: " + file->error();
+      return false;
+    }
+    sink = std::move(file);
   }
+  std::string const why = Calyx::TraceRegistry::instance().levelsApply(c.traceLevels);
+  if (!why.empty()) say("trace levels \"" + c.traceLevels + "\": " + why);
+  Calyx::TraceRegistry::instance().sinkIs(std::move(sink));
+  return true;
 }
 
 bool Agent::start() {
@@ -87,9 +139,16 @@ bool Agent::start() {
     say(error);
     return false;
   }
+  if (!stateDirAccessApply(config_.stateDir, config_.group, error)) {
+    say(error);
+    return false;
+  }
   // The tables and the tracker status live in the state directory.
   setenv("CALYX_STATE_DIR", config_.stateDir.c_str(), 1);
-  traceApply(config_);
+  if (!traceApply(config_, error)) {
+    say(error);
+    return false;
+  }
   if (!Calyx::RingTrace::instance().open(config_.stateDir + "/ring-trace")) {
     say("ring trace stays in memory: " + Calyx::RingTrace::instance().error());
   }
@@ -114,28 +173,213 @@ bool Agent::start() {
   }
   // What an earlier run left of the tracker status is loaded before the manager looks at it.
   statusStore_ = std::make_unique<Calyx::HwFlowTracking::StatusStore>(mounts_.hwStatus);
+  captures_ = std::make_unique<CaptureMonitor>(mounts_.allIntfStatusLocalDir->pamCollection());
+  captures_->interfacesIs(config_.replaying() ? std::vector<std::string>{config_.replayInterface}
+                                              : config_.interfaces);
   configApply(config_, mounts_);
   host_ = std::make_unique<MirrorOnDrop::FeatureHost>(plugin_->tableAs<MirrorOnDrop::PluginTable>(), mounts_);
   control_ = std::make_unique<ControlService>(*loop_, *host_, config_.stateDir);
+  control_->statusExtraIs([this](nlohmann::json& status) { statusAdd(status); });
   std::string const socketPath =
       config_.controlSocket.empty() ? config_.stateDir + "/mod-agent.sock" : config_.controlSocket;
   if (!control_->open(socketPath, error)) say("no control socket: " + error);
+  if (!config_.metricsListen.empty()) {
+    metrics_ = std::make_unique<MetricsServer>(*loop_, [this] { return metricsText(); });
+    if (!metrics_->open(config_.metricsListen, error)) {
+      say(error);
+      return false;
+    }
+  }
+  if (!heartbeatStart(error)) {
+    say(error);
+    return false;
+  }
   say(std::string("started: feature ") + (host_->featureOn() ? "on" : "off") + ", state directory " +
-      config_.stateDir + (config_.replaying() ? ", replaying " + config_.replay : ""));
+      config_.stateDir + (config_.replaying() ? ", replaying " + config_.replay : "") +
+      (metrics_ ? ", metrics at " + metrics_->url() : ""));
   return true;
+}
+
+// The heartbeat: a timerfd the loop watches, on the real clock whatever clock the loop runs on, so that the
+// watchdog pings stop when the loop does.
+bool Agent::heartbeatStart(std::string& error) {
+  double const every =
+      notify_.watchdogEvery() > 0 ? std::min(kHeartbeat, notify_.watchdogEvery()) : kHeartbeat;
+  heartbeatFd_ = timerfd_create(CLOCK_MONOTONIC, TFD_NONBLOCK | TFD_CLOEXEC);
+  auto const ns = static_cast<long long>(every * 1e9);
+  itimerspec const period{{ns / 1000000000, ns % 1000000000}, {ns / 1000000000, ns % 1000000000}};
+  if (heartbeatFd_ < 0 || timerfd_settime(heartbeatFd_, 0, &period, nullptr) != 0) {
+    error = std::string("heartbeat timer: ") + std::strerror(errno);
+    return false;
+  }
+  heartbeatWatch_ = loop_->fdWatch(heartbeatFd_, [this] {
+    uint64_t expirations = 0;
+    (void)read(heartbeatFd_, &expirations, sizeof expirations);
+    heartbeat();
+  });
+  return true;
+}
+
+// Once a second: the watchdog ping when one is due, the health said when it changes, the service status.
+void Agent::heartbeat() {
+  Calyx::MonotonicClock wall;
+  if (notify_.watchdogEvery() > 0 && wall.now() >= nextWatchdog_) {
+    notify_.watchdog();
+    nextWatchdog_ = wall.now() + notify_.watchdogEvery();
+  }
+  std::vector<std::string> const now = problems();
+  for (auto const& p : now) {
+    if (std::find(problemsSaid_.begin(), problemsSaid_.end(), p) == problemsSaid_.end())
+      say("degraded: " + p);
+  }
+  if (now.empty() && !problemsSaid_.empty()) say("healthy again: every capture is up");
+  problemsSaid_ = now;
+  if (stop_ == Stop::none) notify_.status(statusLine());
+}
+
+// The scrape's text, from what this agent holds: its status reply and its own tables' counts (the same the
+// tables publish in shared memory), in the renderer modctl uses. The interface and exact-match counts walk
+// their tables' slots once, comparing no keys.
+std::string Agent::metricsText() const {
+  Ops::TableCounts t;
+  t.flows = host_->reportStatus()->entryCount();
+  host_->reportStatus()->entryIntfControl()->forEachEntryUnordered([&](MirrorOnDrop::Report::Interface::
+                                                                           Entry const& e) {
+    t.interfaces.push_back({{"interface", std::string(e.key().intfId().name())}, {"flows", e.countReport()}});
+  });
+  std::sort(t.interfaces.begin(), t.interfaces.end(),
+            [](auto const& a, auto const& b) { return a["interface"] < b["interface"]; });
+  auto const read = plugin_->tableAs<MirrorOnDrop::PluginTable>().collectorCountersRead;
+  for (auto const& c : read(*host_->collectorStatus())) {
+    t.collectors.push_back({{"exporter", c.exporter},
+                            {"collector", c.collector},
+                            {"bytes", c.bytes},
+                            {"start", c.start},
+                            {"stop", c.stop}});
+  }
+  t.exactMatch = host_->emtConfig()->entryCount();
+  host_->emtStatus()->forEachEntryUnordered(
+      [&](MirrorOnDrop::Emt::EntryStatus const& e) { t.exactMatchInstalled += e.isInstalled(); });
+  t.exactMatchInstalled = std::min(t.exactMatchInstalled, t.exactMatch);
+  auto const status = Ops::Json::parse(control_->answer(R"({"command": "status"})"));
+  return Ops::metricsText(Ops::AgentState::answered, status, t);
+}
+
+std::vector<std::string> Agent::problems() const {
+  if (!host_ || !host_->featureOn()) return {};
+  return captures_->problems();
+}
+
+std::string Agent::statusLine() const {
+  std::vector<std::string> const p = problems();
+  std::ostringstream os;
+  if (!p.empty())
+    os << "degraded: " << p.front() << (p.size() > 1 ? " (and more: modctl status)" : "") << "; ";
+  os << "feature " << (host_->featureOn() ? "on" : "off") << ", " << host_->reportStatus()->entryCount()
+     << " flows";
+  return os.str();
+}
+
+// What the agent adds to the feature's status: its health, captures, collectors' send errors, its stop.
+void Agent::statusAdd(nlohmann::json& status) const {
+  std::vector<std::string> const p = problems();
+  status["health"] = p.empty() ? "ok" : "degraded";
+  status["problems"] = p;
+  status["captures"] = captures_->json();
+  auto const& errors = host_->holder()->exchanger()->sendErrors();
+  auto const read = plugin_->tableAs<MirrorOnDrop::PluginTable>().collectorCountersRead;
+  nlohmann::json collectors = nlohmann::json::array();
+  for (auto const& c : read(*host_->collectorStatus())) {
+    auto const it = errors.find({c.exporter, c.collector});
+    bool const failed = it != errors.end();
+    collectors.push_back({{"exporter", c.exporter},
+                          {"collector", c.collector},
+                          {"send_errors", failed ? it->second.count : 0},
+                          {"last_error", failed ? std::strerror(it->second.lastErrno) : ""}});
+  }
+  status["collectors"] = collectors;
+  status["stopping"] = stop_ != Stop::none;
+  status["capabilities"] = capabilitiesText();
 }
 
 int Agent::run() {
   if (!start()) return 1;
+  if (!loop_->isSimulated()) loop_->runOnce(0);  // the captures open on the loop's first turn
+  std::string error;
+  std::string const reduced = capabilitiesReduce(!config_.replaying(), error);
+  if (!error.empty()) say(error);
+  if (!reduced.empty()) say("capabilities: " + reduced);
+  notify_.ready(statusLine());
   if (loop_->isSimulated()) {
     runVirtual();
   } else {
     loop_->run();
   }
+  if (stop_ != Stop::none) stopGracefully();
   summary();
+  if (stop_ == Stop::abandoned) leaveAsKilled();
+  metrics_.reset();
   control_.reset();
   host_.reset();
   return 0;
+}
+
+void Agent::stopAsked(int signo) {
+  std::string const name = signo == SIGINT ? "SIGINT" : "SIGTERM";
+  if (stop_ == Stop::none) {
+    stop_ = Stop::asked;
+    say("stopping on " + name);
+  } else if (stop_ == Stop::asked) {
+    stop_ = Stop::abandoned;
+    abandonedWhy_ = "a second " + name;
+    say("a second " + name + ": stopping at once");
+  }
+  loop_->stop();
+}
+
+// The feature's own turn-off, as if the hardware withdrew its support: the dispatcher ages every flow out,
+// the sender sends their STOP reports (after any START still due), and the manager deletes the dispatcher
+// once no flow is left. An interface whose 16-bit flow counter wrapped (65,536 flows) keeps exact-match
+// entries that nothing removes, and then the turn-off never completes: the deadline ends it.
+void Agent::stopGracefully() {
+  auto const& x = *host_->holder()->exchanger();
+  stopRan_ = true;
+  stopLive_ = host_->reportStatus()->entryCount();
+  stopStopsBefore_ = x.counterSentStopReport();
+  Calyx::MonotonicClock wall;
+  double const began = wall.now();
+  double const deadline = began + config_.stopTimeout;
+  notify_.stopping("stopping: closing " + std::to_string(stopLive_) + " flows");
+  stopWatch_ = std::make_unique<StopWatch>(*this, host_->holder()->exchanger());
+  if (host_->featureOn()) {
+    say("stopping: turning the feature off to close " + std::to_string(stopLive_) + " live flows (at most " +
+        seconds(config_.stopTimeout) + ")");
+    mounts_.capabilities->mirrorOnDropSupportedIs(false);
+  }
+  while (host_->featureOn() && stop_ != Stop::abandoned) {
+    double const left = deadline - wall.now();
+    if (left <= 0) {
+      stop_ = Stop::abandoned;
+      abandonedWhy_ = "stop_timeout (" + seconds(config_.stopTimeout) + ") passed";
+      break;
+    }
+    if (loop_->isSimulated()) {
+      loop_->runFor(0.05);
+    } else {
+      loop_->runOnce(std::min(left, 0.1));
+    }
+  }
+  stopSeconds_ = wall.now() - began;
+  stopWatch_.reset();
+}
+
+// As a kill -9 ends it: no clean-up runs, so the feature's clean-up does not empty the tables; the kernel
+// keeps their shared memory, closes every descriptor and releases the state directory's lock. The next agent
+// on the directory sends the STOP reports of the flows left.
+void Agent::leaveAsKilled() {
+  std::cerr.flush();
+  std::fflush(nullptr);
+  _exit(0);
 }
 
 void Agent::runVirtual() {
@@ -184,12 +428,19 @@ void Agent::progress() {
 
 void Agent::summary() const {
   auto const& x = *host_->holder()->exchanger();
-  uint64_t bytes = 0;
-  std::ostringstream collectors;
+  uint64_t bytes = 0, sendErrors = 0;
+  std::ostringstream collectors, failed;
   auto const read = plugin_->tableAs<MirrorOnDrop::PluginTable>().collectorCountersRead;
-  for (auto const& c : read(*host_->collectorStatus())) {
+  auto counters = read(*host_->collectorStatus());
+  if (counters.empty() && stopRan_) counters = collectorsAtStop_;
+  for (auto const& c : counters) {
     bytes += c.bytes;
     collectors << (collectors.tellp() > 0 ? ", " : "") << c.exporter << "/" << c.collector << " " << c.bytes;
+  }
+  for (auto const& [who, e] : x.sendErrors()) {
+    sendErrors += e.count;
+    failed << (failed.tellp() > 0 ? ", " : "") << who.first << "/" << who.second << " " << e.count << " ("
+           << std::strerror(e.lastErrno) << ")";
   }
   std::ostringstream os;
   os << "summary: frames received " << x.counterReceivedPacket() << ", processed "
@@ -198,19 +449,39 @@ void Agent::summary() const {
      << "; reports START " << x.counterSentStartReport() << ", STOP " << x.counterSentStopReport()
      << "; collector bytes " << bytes;
   if (bytes > 0) os << " (" << collectors.str() << ")";
+  os << "; send errors " << sendErrors;
+  if (sendErrors > 0) os << " (" << failed.str() << ")";
+  if (std::string const c = captures_->summary(); !c.empty()) os << "; capture " << c;
+  if (stopRan_) {
+    uint64_t const closed = x.counterSentStopReport() - stopStopsBefore_;
+    uint64_t const left = stop_ == Stop::abandoned ? host_->reportStatus()->entryCount() : 0;
+    os << "; stop: " << closed << " flows closed, " << left << " left";
+    if (stop_ == Stop::abandoned) {
+      os << " (" << abandonedWhy_ << "; the next agent on " << config_.stateDir
+         << " sends their STOP reports";
+      if (size_t const entries = host_->emtConfig()->entryCount())
+        os << "; " << entries << " exact-match entries left";
+      os << ")";
+    } else {
+      os << " (" << stopSeconds_ << " s)";
+    }
+  }
   say(os.str());
 }
 
 void Agent::reload() {
+  if (stop_ != Stop::none) return say("SIGHUP ignored: the agent is stopping");
   AgentConfig fresh;
   std::vector<std::string> errors;
   if (!loader_ || !loader_(config_.file, fresh, errors)) {
-    say("reload of " + config_.file + " failed; the running configuration stays:");
-    for (auto const& e : errors) std::cerr << "  " << e << std::endl;
+    for (auto const& e : errors)
+      say("reload of " + config_.file + " failed; the running configuration stays: " + e);
+    if (errors.empty()) say("reload of " + config_.file + " failed; the running configuration stays");
     return;
   }
-  // What the agent built at start (the state directory, the control socket, the exact-match tables) stays as
-  // it is; a change there is said, not silently dropped.
+  notify_.reloading();
+  // What the agent built at start (the state directory, the control socket, the exact-match tables, the
+  // scrape endpoint) stays as it is; a change there is said, not silently dropped.
   auto keep = [&](auto& freshValue, auto const& running, char const* key) {
     if (freshValue == running) return;
     say(std::string(key) + " changes take effect at the next start");
@@ -218,9 +489,11 @@ void Agent::reload() {
   };
   keep(fresh.stateDir, config_.stateDir, "state_dir");
   keep(fresh.controlSocket, config_.controlSocket, "control_socket");
+  keep(fresh.group, config_.group, "group");
   keep(fresh.exactMatchCapacityIpv4, config_.exactMatchCapacityIpv4, "exact_match_capacity_ipv4");
   keep(fresh.exactMatchCapacityIpv6, config_.exactMatchCapacityIpv6, "exact_match_capacity_ipv6");
   keep(fresh.exactMatchInstallDelay, config_.exactMatchInstallDelay, "exact_match_install_delay");
+  keep(fresh.metricsListen, config_.metricsListen, "metrics.listen");
   if (fresh.replaying() != config_.replaying() || fresh.replayClock != config_.replayClock) {
     say("switching between live capture and replay takes effect at the next start");
     fresh.interfaces = config_.interfaces;
@@ -228,10 +501,23 @@ void Agent::reload() {
     fresh.replayInterface = config_.replayInterface;
     fresh.replayClock = config_.replayClock;
   }
-  traceApply(fresh);
+  std::string error;
+  if (!traceApply(fresh, error)) {
+    say("reload of " + config_.file + " failed; the running configuration stays: " + error);
+    notify_.reloaded(statusLine());
+    return;
+  }
+  std::vector<std::string> const changes = configDiff(config_, fresh);
   configApply(fresh, mounts_);
   config_ = std::move(fresh);
-  say("reloaded " + config_.file + ": feature " + (host_->featureOn() ? "on" : "off"));
+  captures_->interfacesIs(config_.replaying() ? std::vector<std::string>{config_.replayInterface}
+                                              : config_.interfaces);
+  captures_->failedRetry();
+  for (auto const& c : changes) say("reload: " + c);
+  say("reloaded " + config_.file + ": " +
+      (changes.empty() ? std::string("nothing changed") : std::to_string(changes.size()) + " changes") +
+      ", feature " + (host_->featureOn() ? "on" : "off"));
+  notify_.reloaded(statusLine());
 }
 
 }  // namespace ModAgent

@@ -6,9 +6,20 @@
 //   SIGTERM;
 // - replay on the virtual clock: the loop runs on simulated time that follows the capture's record times, and
 //   after the last frame time moves on until every flow has had its STOP report; then it ends by itself.
-// SIGHUP reads the configuration file again and applies only the differences; a file with an error keeps the
-// running configuration and says why. At the end the feature is torn down in the reverse order and a summary
-// line goes to stderr (the collectors' counters as their table holds them then).
+// SIGHUP reads the configuration file again, applies only the differences and logs each; a file with an error
+// keeps the running configuration and says why.
+//
+// Stopping (SIGINT, SIGTERM): the agent turns the feature off as if the hardware had withdrawn its support,
+// so that the feature's own turn-off sends the STOP report of every live flow and empties its tables; it runs
+// the loop until the feature is off, then tears down in the reverse order. That is bounded by stop_timeout:
+// once it passes, or on a second signal, the agent ends at once as a kill -9 would, leaving the flows it has
+// not stopped in the tables for the next agent (whose feature sends their STOP reports). A summary line goes
+// to stderr either way: frames, flows, reports, the collectors' counters and send errors, each capture's
+// frames and kernel drops, and how many flows the stop closed and how many it left.
+//
+// As a service: READY once the feature is up, STATUS lines, WATCHDOG pings from the event loop
+// (ServiceNotify); the state directory kept to the agent and its group, and only the capability capture needs
+// kept once the captures are open (Privileges); a scrape endpoint when configured (MetricsServer).
 
 #include <functional>
 #include <map>
@@ -16,8 +27,11 @@
 #include <string>
 
 #include "agent/AgentConfig.h"
+#include "agent/CaptureMonitor.h"
 #include "agent/ControlService.h"
 #include "agent/FeatureHost.h"
+#include "agent/MetricsServer.h"
+#include "agent/ServiceNotify.h"
 #include "agent/StateDirLock.h"
 #include "platform/core/EventLoop.h"
 #include "platform/entity/HwFlowTrackingStatusStore.h"
@@ -42,14 +56,25 @@ class Agent {
 
  private:
   class SignalReactor;
+  class StopWatch;
+  enum class Stop { none, asked, abandoned };
 
   bool start();
+  bool heartbeatStart(std::string& error);
   void runVirtual();
   void reload();
+  void stopAsked(int signo);
+  void stopGracefully();
+  [[noreturn]] void leaveAsKilled();
+  void heartbeat();
   bool replayDone() const;
   void progress();
   void summary() const;
-  void traceApply(AgentConfig const& c);
+  bool traceApply(AgentConfig const& c, std::string& error);
+  void statusAdd(nlohmann::json& status) const;
+  std::vector<std::string> problems() const;
+  std::string statusLine() const;
+  std::string metricsText() const;
 
   AgentConfig config_;
   std::string pluginPath_;
@@ -63,7 +88,23 @@ class Agent {
   std::unique_ptr<MirrorOnDrop::FeatureHost> host_;
   std::unique_ptr<SignalReactor> signalReactor_;
   std::unique_ptr<ControlService> control_;
+  std::unique_ptr<CaptureMonitor> captures_;
+  std::unique_ptr<MetricsServer> metrics_;
+  ServiceNotify notify_;
+  int heartbeatFd_ = -1;
+  std::unique_ptr<Calyx::EventLoop::FdWatch> heartbeatWatch_;
+  double nextWatchdog_ = 0;
+  std::vector<std::string> problemsSaid_;
   double nextProgress_ = 0;
+
+  Stop stop_ = Stop::none;
+  std::string abandonedWhy_;
+  bool stopRan_ = false;
+  uint64_t stopLive_ = 0;         // flows live when the stop began
+  uint64_t stopStopsBefore_ = 0;  // STOP reports sent before it
+  double stopSeconds_ = 0;
+  std::unique_ptr<StopWatch> stopWatch_;
+  std::vector<MirrorOnDrop::Collector::Counters> collectorsAtStop_;
 };
 
 }  // namespace ModAgent

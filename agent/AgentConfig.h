@@ -46,6 +46,12 @@ struct AgentConfig {
   // agent with exact match on: a million flows (the default) peaked at 2.0 GB in all. Past it, new flows are
   // refused and counted; known ones go on.
   uint64_t maxFlows = 1000000;
+  // A stop (SIGTERM, SIGINT) turns the feature off so that every live flow gets its STOP report, for at most
+  // this many seconds; then, or on a second signal, the agent ends at once and leaves the flows it has not
+  // stopped in the tables for the next agent.
+  double stopTimeout = 5.0;
+  // The group that may read the state directory and use the control socket (modctl); empty: the agent's own.
+  std::string group;
 
   bool mirrorOnDrop = true;  // the chip supports the feature
   bool exactMatch = false;   // the chip has exact-match tables
@@ -57,6 +63,10 @@ struct AgentConfig {
   std::string replay;                   // or replay of this capture file ...
   std::string replayInterface;          // ... as this interface
   ReplayClock replayClock = ReplayClock::virtualTime;
+  int captureBufferBytes = 0;  // the kernel ring of each live capture; 0: the capture's default (8 MiB)
+
+  // Where the scrape endpoint listens ("127.0.0.1:9464"); empty: no endpoint.
+  std::string metricsListen;
 
   bool flowTrackingEnabled = true;
   std::vector<TrackerSetting> trackers;  // at most one: the hardware runs one tracker at a time

@@ -25,7 +25,7 @@ std::vector<std::pair<IntfId, Calyx::Interface::PamBackend>> capturedInterfaces(
     return out;
   }
   for (auto const& name : c.interfaces)
-    out.emplace_back(IntfId(name), Calyx::Interface::PamBackend::liveCapture(name));
+    out.emplace_back(IntfId(name), Calyx::Interface::PamBackend::liveCapture(name, c.captureBufferBytes));
   return out;
 }
 

@@ -1,7 +1,14 @@
 #include "agent/ConfigFile.h"
 
+#include <grp.h>
+#include <sys/stat.h>
 #include <toml++/toml.h>
+#include <unistd.h>
+
+#include <cerrno>
 #include <cmath>
+#include <cstring>
+#include <filesystem>
 #include <fstream>
 #include <functional>
 #include <limits>
@@ -130,9 +137,9 @@ class Reader {
     }
     return a;
   }
-  // "A.B.C.D:PORT" or "[IPv6]:PORT".
-  std::optional<CollectorSetting> collector(toml::node const& n, std::string const& key,
-                                            std::string const& name) {
+  // "A.B.C.D:PORT" or "[IPv6]:PORT", the port from minPort to 65535.
+  std::optional<std::pair<Calyx::IpGenAddr, uint16_t>> hostPort(toml::node const& n, std::string const& key,
+                                                                long minPort) {
     auto s = string(n, key);
     if (!s) return std::nullopt;
     std::string host, port;
@@ -153,11 +160,18 @@ class Reader {
     }
     char* end = nullptr;
     long const p = std::strtol(port.c_str(), &end, 10);
-    if (*end != '\0' || p < 1 || p > 65535) {
-      error(n, key, "port \"" + port + "\" is out of range (expected 1 to 65535)");
+    if (*end != '\0' || p < minPort || p > 65535) {
+      error(n, key,
+            "port \"" + port + "\" is out of range (expected " + std::to_string(minPort) + " to 65535)");
       return std::nullopt;
     }
-    return CollectorSetting{name, *a, uint16_t(p)};
+    return std::pair(*a, uint16_t(p));
+  }
+  std::optional<CollectorSetting> collector(toml::node const& n, std::string const& key,
+                                            std::string const& name) {
+    auto const where = hostPort(n, key, 1);
+    if (!where) return std::nullopt;
+    return CollectorSetting{name, where->first, where->second};
   }
 
   static std::string join(std::string const& path, std::string const& key) {
@@ -180,6 +194,30 @@ class Reader {
   std::string file_;
   std::vector<std::pair<size_t, std::string>> found_;  // line, message
 };
+
+bool groupExists(std::string const& name) {
+  group g{};
+  group* found = nullptr;
+  std::vector<char> buffer(16384);
+  return getgrnam_r(name.c_str(), &g, buffer.data(), buffer.size(), &found) == 0 && found;
+}
+
+// A trace file must be one the agent can append to: an existing file it may write, or a new one in a
+// directory it may write. Checked without making the file.
+std::string traceOutputCheck(std::string const& output) {
+  if (output == "stderr") return {};
+  if (output.empty()) return "expected \"stderr\" or a file path";
+  if (access(output.c_str(), F_OK) == 0) {
+    struct stat st {};
+    if (stat(output.c_str(), &st) == 0 && S_ISDIR(st.st_mode)) return output + " is a directory";
+    if (access(output.c_str(), W_OK) == 0) return {};
+    return "cannot write " + output + ": " + std::strerror(errno);
+  }
+  std::string const dir = std::filesystem::path(output).parent_path().string();
+  std::string const where = dir.empty() ? "." : dir;
+  if (access(where.c_str(), W_OK) == 0) return {};
+  return "cannot make " + output + ": " + where + ": " + std::strerror(errno);
+}
 
 using Handlers = std::map<std::string, std::function<void(toml::node const&, std::string const&)>>;
 
@@ -285,9 +323,24 @@ void documentRead(Reader& r, toml::table const& doc, AgentConfig& c) {
                                 [&](auto const& v, auto const& kk) {
                                   if (auto s = r.string(v, kk)) c.controlSocket = *s;
                                 }},
-                               {"max_flows", [&](auto const& v, auto const& kk) {
+                               {"max_flows",
+                                [&](auto const& v, auto const& kk) {
                                   if (auto i = r.integer(v, kk, 0, int64_t(1) << 40))
                                     c.maxFlows = uint64_t(*i);
+                                }},
+                               {"stop_timeout",
+                                [&](auto const& v, auto const& kk) {
+                                  auto s = r.seconds(v, kk);
+                                  if (s && (*s < 0 || *s > 3600))
+                                    return r.error(v, kk, "expected 0 to 3600 seconds");
+                                  if (s) c.stopTimeout = *s;
+                                }},
+                               {"group", [&](auto const& v, auto const& kk) {
+                                  auto s = r.string(v, kk);
+                                  if (!s) return;
+                                  if (!groupExists(*s))
+                                    return r.error(v, kk, "no group \"" + *s + "\" on this host");
+                                  c.group = *s;
                                 }}});
              }
            }},
@@ -341,6 +394,11 @@ void documentRead(Reader& r, toml::table const& doc, AgentConfig& c) {
                       [&](auto const& v, auto const& kk) {
                         if (auto s = r.string(v, kk)) c.replay = *s;
                       }},
+                     {"buffer_size",
+                      [&](auto const& v, auto const& kk) {
+                        if (auto i = r.integer(v, kk, int64_t(64) << 10, int64_t(1) << 30))
+                          c.captureBufferBytes = int(*i);
+                      }},
                      {"replay_interface",
                       [&](auto const& v, auto const& kk) {
                         replayIntfGiven = true;
@@ -378,6 +436,15 @@ void documentRead(Reader& r, toml::table const& doc, AgentConfig& c) {
            [&](auto const& n, auto const& k) {
              if (auto const* t = r.table(n, k)) flowTrackingRead(r, *t, k, c);
            }},
+          {"metrics",
+           [&](auto const& n, auto const& k) {
+             if (auto const* t = r.table(n, k)) {
+               r.keys(*t, k, Handlers{{"listen", [&](auto const& v, auto const& kk) {
+                                         if (r.hostPort(v, kk, 0))
+                                           c.metricsListen = *v.template value<std::string>();
+                                       }}});
+             }
+           }},
           {"trace",
            [&](auto const& n, auto const& k) {
              if (auto const* t = r.table(n, k)) {
@@ -391,7 +458,11 @@ void documentRead(Reader& r, toml::table const& doc, AgentConfig& c) {
                                   c.traceLevels = *s;
                                 }},
                                {"output", [&](auto const& v, auto const& kk) {
-                                  if (auto s = r.string(v, kk)) c.traceOutput = *s;
+                                  auto s = r.string(v, kk);
+                                  if (!s) return;
+                                  if (std::string const why = traceOutputCheck(*s); !why.empty())
+                                    return r.error(v, kk, why);
+                                  c.traceOutput = *s;
                                 }}});
              }
            }},

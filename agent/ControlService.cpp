@@ -77,6 +77,7 @@ std::string ControlService::answer(std::string const& request) {
     } else {
       r["tracker"] = nullptr;
     }
+    if (statusExtra_) statusExtra_(r);
     return r.dump();
   }
   if (command == "clear-counters") {

@@ -1,7 +1,9 @@
 #pragma once
 // ControlService: what the agent answers on its control socket, one JSON object per line each way.
 //
-//   {"command": "status"}                                   the feature, the active tracker, counters, uptime
+//   {"command": "status"}                                   the feature, the active tracker, counters,
+//   uptime,
+//                                                           and what the host adds (statusExtraIs)
 //   {"command": "clear-counters", "exporter": "e1"}         clear one exporter's collector counters (or all)
 //   {"command": "trace-set", "handle": "MOD-Manager", "levels": "0-4"}
 //   {"command": "trace-show"}                               every trace handle with its levels
@@ -9,7 +11,9 @@
 // Every reply has "ok"; a refused or malformed request gets {"ok": false, "error": "..."} and changes
 // nothing.
 
+#include <functional>
 #include <memory>
+#include <nlohmann/json.hpp>
 #include <string>
 
 #include "agent/FeatureHost.h"
@@ -24,6 +28,8 @@ class ControlService {
   // Opens the socket at path; false with error set.
   bool open(std::string const& path, std::string& error);
   std::string answer(std::string const& request);
+  // What the host adds to every status reply (its captures, health, send errors).
+  void statusExtraIs(std::function<void(nlohmann::json&)> extra) { statusExtra_ = std::move(extra); }
 
  private:
   MirrorOnDrop::FeatureHost const& host_;
@@ -31,6 +37,7 @@ class ControlService {
   double started_;
   std::unique_ptr<Calyx::ControlSocket> socket_;
   Calyx::EventLoop& loop_;
+  std::function<void(nlohmann::json&)> statusExtra_;
 };
 
 }  // namespace ModAgent

@@ -9,8 +9,6 @@
 
 namespace {
 
-constexpr char const* kVersion = "0.2";
-
 int usage(std::string const& error) {
   std::cerr << "mod-agent: " << error << "\n(see mod-agent --help)" << std::endl;
   return 2;
@@ -37,11 +35,11 @@ int main(int argc, char** argv) {
                      MirrorOnDrop::TraceName::list());
   app.add_option("--plugin", plugin,
                  "the plug-in library; by default the first found of libmirror_on_drop.so, "
-                 "../mirror_on_drop/libmirror_on_drop.so and ../lib/libmirror_on_drop.so beside the program "
-                 "(here: " +
+                 "../mirror_on_drop/libmirror_on_drop.so, ../lib/mirror-on-drop/libmirror_on_drop.so and "
+                 "../lib/libmirror_on_drop.so beside the program (here: " +
                      ModAgent::Agent::pluginDefaultPath() + ")");
   app.add_flag("--check-config", checkOnly, "check the configuration, print every error, and exit");
-  app.set_version_flag("--version", std::string("mod-agent ") + kVersion);
+  app.set_version_flag("--version", std::string("mod-agent ") + MOD_VERSION);
   try {
     app.parse(argc, argv);
   } catch (CLI::ParseError const& e) {

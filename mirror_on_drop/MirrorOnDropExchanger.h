@@ -13,6 +13,8 @@
 // isTogglingFeatureOff is the one flag that is a state: raised with the setter, lowered by a plain store.
 
 #include <cstdint>
+#include <map>
+#include <utility>
 
 #include "mirror_on_drop/MirrorOnDropEmtCommon.h"
 #include "mirror_on_drop/MirrorOnDropReport.h"
@@ -93,6 +95,25 @@ class Exchanger : public Calyx::Object, public Calyx::Notifier<Exchanger> {
   // memory): a statistic that never notifies.
   uint64_t counterRefusedFlow() const { return counterRefusedFlow_; }
   uint64_t counterRefusedFlowInc(uint64_t n) { return counterRefusedFlow_ += n; }
+  // Reports that could not be sent, per collector (exporter name, collector name), with the errno of the last
+  // failure: statistics that never notify, kept here rather than in the collector's record, whose layout is
+  // fixed. Cleared with the collectors' counters.
+  struct SendErrors {
+    uint64_t count = 0;
+    int lastErrno = 0;
+  };
+  using SendErrorsByCollector = std::map<std::pair<Calyx::String, Calyx::String>, SendErrors>;
+  SendErrorsByCollector const& sendErrors() const { return sendErrors_; }
+  void sendErrorInc(Calyx::String const& exporter, Calyx::String const& collector, int err) {
+    SendErrors& e = sendErrors_[{exporter, collector}];
+    ++e.count;
+    e.lastErrno = err;
+  }
+  // Every collector's, or one exporter's.
+  void sendErrorsClear(Calyx::String const& exporter) {
+    for (auto it = sendErrors_.begin(); it != sendErrors_.end();)
+      it = exporter.empty() || it->first.first == exporter ? sendErrors_.erase(it) : std::next(it);
+  }
   uint64_t counterProcessedPacket() const { return counterProcessedPacket_; }
   void counterProcessedPacketIs(uint64_t v) {
     attributeIs(counterProcessedPacket_, v, &Reactor::handleCounterProcessedPacket);
@@ -142,6 +163,7 @@ class Exchanger : public Calyx::Object, public Calyx::Notifier<Exchanger> {
   uint64_t counterReceivedPacket_ = 0;
   uint64_t counterProcessedPacket_ = 0;
   uint64_t counterRefusedFlow_ = 0;
+  SendErrorsByCollector sendErrors_;
   double timerReportTimeMin_ = 0.0;
   Report::Key reportKey_;
   uint64_t counterSentStartReport_ = 0;

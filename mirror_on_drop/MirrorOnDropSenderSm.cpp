@@ -277,6 +277,7 @@ void SenderSm::handleClearCounter() {
         "Clearing counters: exporter = " << key.exporter() << ", collector = " << key.collector() << ".");
     collectorStatus_->entryIs(Collector::EntryStatus(key));
   }
+  exchanger_->sendErrorsClear(req.exporterName());
 }
 
 // --- pacing ---
@@ -387,8 +388,10 @@ void SenderSm::sendToCollector(String const& exporter, String const& collector, 
   if (!udpPam_->sendPacket(src, dst, dscp, port, pkt)) {
     int const err = udpPam_->txErrno();
     MOD_TRACE(trace(), 1,
-              "[ERROR]: sending report packet failed { errno = " << err << ", message = '"
-                                                                 << std::strerror(err) << "' }.");
+              "[ERROR]: sending report packet failed { errno = "
+                  << err << ", message = '" << std::strerror(err) << "', exporter = '" << exporter
+                  << "', collector = '" << collector << "', dIp = " << dst << ", dPort = " << port << " }.");
+    exchanger_->sendErrorInc(exporter, collector, err);
     std::ostringstream record;
     record << "Failed to send report: errno = " << err << ", sIp = " << src << ", dIp = " << dst
            << ", dPort = " << port;

@@ -188,7 +188,7 @@ std::byte* mapExisting(std::string const& path, uint32_t capacity, std::string& 
 std::byte* mapFresh(std::string const& path, uint32_t capacity, std::string& problem) {
   std::string const staging = path + ".new";
   size_t const size = RingTraceFormat::fileSize(capacity);
-  FileDescriptor fd(::open(staging.c_str(), O_RDWR | O_CREAT | O_TRUNC | O_CLOEXEC, 0644));
+  FileDescriptor fd(::open(staging.c_str(), O_RDWR | O_CREAT | O_TRUNC | O_CLOEXEC, 0640));
   if (fd.get() < 0) {
     problem = "Cannot create ring trace " + staging + ": " + errnoText() + ".";
     return nullptr;

@@ -4,6 +4,7 @@
 #include <sys/uio.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
@@ -11,24 +12,39 @@
 
 namespace Calyx {
 
+size_t isoTimeNow(char* out, size_t size) {
+  timespec now{};
+  clock_gettime(CLOCK_REALTIME, &now);
+  tm utc{};
+  gmtime_r(&now.tv_sec, &utc);
+  size_t n = std::strftime(out, size, "%Y-%m-%dT%H:%M:%S", &utc);
+  int const more = std::snprintf(out + n, size - n, ".%06ldZ", now.tv_nsec / 1000);
+  if (more > 0) n += std::min(static_cast<size_t>(more), size - n - 1);
+  return n;
+}
+
 namespace {
 
 iovec iov(std::string_view text) {
   return iovec{const_cast<char*>(text.data()), text.size()};
 }
 
-// Writes "<monotonic seconds> <channel> <level> <line>\n" with one writev: no allocation, no user-space
-// buffer, and one system call per line so concurrent writers do not interleave within a line. False on error
-// or short write.
+// Writes "<UTC time, ISO 8601, microseconds> <channel> <level> <line>\n" with one writev: no user-space
+// buffer, and one system call per line so concurrent writers do not interleave within a line. A line break
+// inside the line is written as "\n", so that one line of the output is always one record. False on error or
+// short write.
 bool lineWrite(int fd, std::string_view channel, int level, std::string_view line) {
-  timespec now{};
-  clock_gettime(CLOCK_MONOTONIC, &now);
   char stamp[40];
-  int const stampSize = std::snprintf(stamp, sizeof stamp, "%lld.%06ld ", static_cast<long long>(now.tv_sec),
-                                      now.tv_nsec / 1000);
+  size_t const stampSize = isoTimeNow(stamp, sizeof stamp);
+  stamp[stampSize] = ' ';
   char levelText[16];
   int const levelSize = std::snprintf(levelText, sizeof levelText, " %d ", level);
-  iovec parts[] = {iov({stamp, static_cast<size_t>(stampSize)}), iov(channel),
+  std::string escaped;
+  if (line.find('\n') != std::string_view::npos) {
+    for (char c : line) escaped += c == '\n' ? std::string_view("\\n") : std::string_view(&c, 1);
+    line = escaped;
+  }
+  iovec parts[] = {iov({stamp, stampSize + 1}), iov(channel),
                    iov({levelText, static_cast<size_t>(levelSize)}), iov(line), iov("\n")};
   size_t total = 0;
   for (auto const& part : parts) total += part.iov_len;
@@ -46,7 +62,7 @@ void StderrTraceSink::write(std::string_view channel, int level, std::string_vie
 }
 
 FileTraceSink::FileTraceSink(std::string path) : path_(std::move(path)) {
-  fd_ = ::open(path_.c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0644);
+  fd_ = ::open(path_.c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0640);
   if (fd_ < 0) error_ = "Cannot open trace file " + path_ + ": " + std::strerror(errno) + ".";
 }
 

@@ -1,11 +1,13 @@
 #pragma once
 // TraceSink: where the trace registry puts composed lines.
 //
-//   StderrTraceSink  one line per call on stderr: "<monotonic seconds> <channel> <level> <line>".
-//   FileTraceSink    the same lines appended to a file, each handed to the kernel at once (no user-space
-//   buffer, so
-//                    nothing is lost when the process dies). A file that cannot be opened is reported by
-//                    isOpen() and error(); lines are then dropped. Write failures are counted, never thrown.
+//   StderrTraceSink  one line per call on stderr: "<UTC time> <channel> <level> <line>", the time in ISO 8601
+//                    with microseconds ("2026-11-25T08:56:00.173579Z"); a line break inside a line is
+//                    written as "\n", so one output line is one record.
+//   FileTraceSink    the same lines appended to a file (made with mode 0640), each handed to the kernel at
+//                    once (no user-space buffer, so nothing is lost when the process dies). A file that
+//                    cannot be opened is reported by isOpen() and error(); lines are then dropped. Write
+//                    failures are counted, never thrown.
 //   MemoryTraceSink  keeps every line in memory; tests read them back, all or one channel's.
 //
 // Every sink may be called from more than one thread; a line is written by one system call, so lines from two
@@ -19,6 +21,10 @@
 #include <vector>
 
 namespace Calyx {
+
+// The wall-clock time now as "2026-11-25T08:56:00.173579Z" (UTC, ISO 8601, microseconds) into out, which
+// must hold 28 bytes; returns the length written (no terminating zero counted).
+size_t isoTimeNow(char* out, size_t size);
 
 class TraceSink {
  public:

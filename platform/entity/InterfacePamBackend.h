@@ -14,14 +14,15 @@ struct PamBackend {
   std::string device;         // live capture: the kernel's interface name; empty: the interface's own name
   std::string file;           // pcap replay: the capture file
   bool recordedPace = false;  // pcap replay: keep the recorded gaps between frames
+  int bufferBytes = 0;        // live capture: the kernel ring's size; 0: the capture's default
 
-  static PamBackend liveCapture(std::string device = {}) {
-    return {Kind::liveCapture, std::move(device), {}, false};
+  static PamBackend liveCapture(std::string device = {}, int bufferBytes = 0) {
+    return {Kind::liveCapture, std::move(device), {}, false, bufferBytes};
   }
   static PamBackend pcapReplay(std::string file, bool recordedPace = false) {
-    return {Kind::pcapReplay, {}, std::move(file), recordedPace};
+    return {Kind::pcapReplay, {}, std::move(file), recordedPace, 0};
   }
-  static PamBackend inMemory() { return {Kind::inMemory, {}, {}, false}; }
+  static PamBackend inMemory() { return {Kind::inMemory, {}, {}, false, 0}; }
   friend bool operator==(PamBackend const&, PamBackend const&) = default;
 };
 

@@ -1,6 +1,5 @@
 #include "platform/io/CalyxEmSoftwareExactMatchTable.h"
 
-
 #include "platform/core/Trace.h"
 
 namespace Calyx::CalyxEm {
@@ -138,13 +137,14 @@ bool SoftwareExactMatchTable::isLive(Queued const& q, State state) const {
   return it != entries_.end() && it->second.state == state && it->second.ticket == q.ticket;
 }
 
-SoftwareExactMatchTable::Queued const* SoftwareExactMatchTable::front(std::deque<Queued>& queue, State state) {
+SoftwareExactMatchTable::Queued const* SoftwareExactMatchTable::front(std::deque<Queued>& queue,
+                                                                      State state) {
   while (!queue.empty() && !isLive(queue.front(), state)) queue.pop_front();
   return queue.empty() ? nullptr : &queue.front();
 }
 
-// Entries removed while queued leave stale keys behind; once they outnumber the live ones the queue is rebuilt,
-// so its length stays within a constant factor of what it holds.
+// Entries removed while queued leave stale keys behind; once they outnumber the live ones the queue is
+// rebuilt, so its length stays within a constant factor of what it holds.
 void SoftwareExactMatchTable::compact(std::deque<Queued>& queue, State state, size_t live) {
   if (queue.size() <= 2 * live + 64) return;
   std::deque<Queued> kept;

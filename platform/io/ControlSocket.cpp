@@ -5,6 +5,7 @@
 #include <sys/un.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstring>
 
@@ -57,7 +58,12 @@ bool ControlSocket::allowed(int fd) const {
   ucred cred{};
   socklen_t len = sizeof cred;
   if (getsockopt(fd, SOL_SOCKET, SO_PEERCRED, &cred, &len) != 0) return false;
-  return cred.uid == 0 || cred.uid == owner_ || cred.gid == group_;
+  if (cred.uid == 0 || cred.uid == owner_ || cred.gid == group_) return true;
+  // A member of the socket's group through a supplementary group: the kernel's list, as the peer connected.
+  gid_t groups[256];
+  socklen_t size = sizeof groups;
+  if (getsockopt(fd, SOL_SOCKET, SO_PEERGROUPS, groups, &size) != 0) return false;
+  return std::find(groups, groups + size / sizeof(gid_t), group_) != groups + size / sizeof(gid_t);
 }
 
 void ControlSocket::accept() {

@@ -7,7 +7,8 @@
 // - a client that connects and never writes holds one descriptor and nothing else (at most kMaxClients);
 // - a line longer than kMaxLine is answered by the handler's refusal and the client dropped.
 // The socket file is made with mode 0660; a peer is served when it is root, the socket's owner or in the
-// socket's group (its credentials as the kernel gives them), and refused with one line otherwise.
+// socket's group, as its primary or a supplementary group (its credentials as the kernel gives them), and
+// refused with one line otherwise.
 
 #include <sys/types.h>
 

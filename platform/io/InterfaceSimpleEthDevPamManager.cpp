@@ -153,6 +153,7 @@ Ptr<Pam> SimpleEthDevPamManager::pamNew(IntfId const& intfId, PamBackend const& 
     case PamBackend::Kind::liveCapture: {
       LivePamOptions options;
       options.device = backend.device;
+      if (backend.bufferBytes > 0) options.bufferBytes = backend.bufferBytes;
       options.filter = socketFilter_;
       options.readLimit = readLimit_;
       options.bulkRead = bulkRead_;

@@ -26,7 +26,25 @@ std::string pcapError(pcap_t* handle, int code) {
   return text;
 }
 
+// Failures that waiting will not mend: the device does not exist, or this process may not capture on it.
+bool permanent(int status) {
+  return status == PCAP_ERROR_NO_SUCH_DEVICE || status == PCAP_ERROR_PERM_DENIED ||
+         status == PCAP_ERROR_PROMISC_PERM_DENIED;
+}
+
 }  // namespace
+
+char const* LivePam::stateText(State s) {
+  switch (s) {
+    case State::up:
+      return "up";
+    case State::retrying:
+      return "retrying";
+    case State::failed:
+      return "failed";
+  }
+  return "?";
+}
 
 LivePam::LivePam(EventLoop& loop, Ptr<TimerWheel> wheel, IntfId intfId, LivePamOptions options)
     : Pam(intfId),
@@ -48,6 +66,7 @@ LivePam::~LivePam() {
 void LivePam::open() {
   if (handle_) return;
   ++openAttempts_;
+  failedForGood_ = false;
   if (tryOpen()) {
     retryTimer_->timeMinIs(kNever);
     lastError_.clear();
@@ -56,7 +75,7 @@ void LivePam::open() {
         "Capturing on " << device_ << " for " << intfId() << ", filter \"" << options_.filter << "\".");
     return;
   }
-  retryTimer_->timeMinIs(loop_->now() + options_.retryInterval);
+  retryTimer_->timeMinIs(failedForGood_ ? kNever : loop_->now() + options_.retryInterval);
 }
 
 bool LivePam::tryOpen() {
@@ -73,7 +92,7 @@ bool LivePam::tryOpen() {
   pcap_set_buffer_size(handle, options_.bufferBytes);
   int const status = pcap_activate(handle);
   if (status < 0) {
-    failed(pcapError(handle, status));
+    failed(pcapError(handle, status), permanent(status));
     pcap_close(handle);
     return false;
   }
@@ -107,7 +126,15 @@ bool LivePam::tryOpen() {
   return true;
 }
 
-void LivePam::failed(std::string const& what) {
+void LivePam::failed(std::string const& what, bool permanent) {
+  failedForGood_ = permanent;
+  if (permanent) {
+    lastError_ = what;
+    CALYX_TRACE(pamTrace(), 1,
+                "[ERROR] Cannot capture on " << device_ << " for " << intfId() << ": " << what
+                                             << "; not retried (it will not pass by waiting).");
+    return;
+  }
   // The first failure of a kind is an error; the same one again while retrying is only a retry.
   int const level = what == lastError_ ? 3 : 1;
   lastError_ = what;
@@ -119,14 +146,15 @@ void LivePam::failed(std::string const& what) {
 void LivePam::close() {
   watch_.reset();
   if (!handle_) return;
+  dropsOfClosed_ = kernelDrops();
   pcap_close(handle_);
   handle_ = nullptr;
 }
 
 uint64_t LivePam::kernelDrops() const {
   pcap_stat stats{};
-  if (!handle_ || pcap_stats(handle_, &stats) < 0) return 0;
-  return stats.ps_drop;
+  if (!handle_ || pcap_stats(handle_, &stats) < 0) return dropsOfClosed_;
+  return dropsOfClosed_ + stats.ps_drop;
 }
 
 void LivePam::onReadable() {

@@ -8,10 +8,15 @@
 // when bulkRead is off). What is left stays in the kernel's ring, which keeps the descriptor readable, so the
 // rest comes on the next loop turn.
 //
-// A device that is missing, down, or that we may not open is never fatal: one trace line at level 1, then
-// another attempt every retryInterval seconds (repeated failures trace at level 3). A capture that fails
-// later (the interface went away) is closed and retried the same way. The module exists, and may be
-// published, while it waits.
+// A capture that cannot open is never fatal to the process. A device that is down, or any other failure that
+// may pass, is traced once at level 1 and tried again every retryInterval seconds (repeated failures trace at
+// level 3): state retrying. A device that does not exist, or that this process may not capture on, will not
+// heal by waiting: it is traced at level 1 and the module stays in state failed, not retried until open() is
+// called again (an operator's reload). A capture that fails later (the interface went away) is closed and
+// retried. The module exists, and may be published, while it waits or has failed.
+//
+// Its statistics: frames taken (rxPktsTotal), and frames the kernel dropped because the ring was full, as
+// libpcap counts them, summed over every capture this module has opened.
 //
 // Limits: the EventLoop must outlive the module. Frames are copied out of the ring into Pkts.
 
@@ -42,18 +47,23 @@ struct LivePamOptions {
 
 class LivePam final : public Pam {
  public:
+  enum class State : uint8_t { up, retrying, failed };
+  static char const* stateText(State s);
+
   LivePam(EventLoop& loop, Ptr<TimerWheel> wheel, IntfId intfId, LivePamOptions options);
 
   LivePamOptions const& options() const { return options_; }
   std::string const& device() const { return device_; }
   bool isCapturing() const { return handle_ != nullptr; }
+  State state() const { return isCapturing() ? State::up : failedForGood_ ? State::failed : State::retrying; }
   // The reason of the last failed open or capture; empty while none failed.
   std::string const& lastError() const { return lastError_; }
   uint64_t openAttempts() const { return openAttempts_; }
-  // Frames the kernel dropped for this capture because the ring was full, as libpcap reports it.
+  // Frames the kernel dropped because the ring was full, as libpcap reports them, over every capture opened.
   uint64_t kernelDrops() const;
 
-  // Tries to open the device now if it is not capturing (also called by the retry timer).
+  // Tries to open the device now if it is not capturing (also called by the retry timer, and to try a failed
+  // capture again).
   void open();
 
  protected:
@@ -64,7 +74,7 @@ class LivePam final : public Pam {
 
   bool tryOpen();
   void close();
-  void failed(std::string const& what);
+  void failed(std::string const& what, bool permanent = false);
   void onReadable();
   uint32_t framesPerEvent() const { return options_.bulkRead ? options_.readLimit : 1; }
 
@@ -76,7 +86,9 @@ class LivePam final : public Pam {
   Ptr<Timer> retryTimer_;
   std::unique_ptr<RetryReactor> retryReactor_;
   std::string lastError_;
+  bool failedForGood_ = false;
   uint64_t openAttempts_ = 0;
+  uint64_t dropsOfClosed_ = 0;  // kernel drops of the captures closed so far
 };
 
 }  // namespace Calyx

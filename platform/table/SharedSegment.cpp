@@ -83,7 +83,7 @@ void SharedSegment::initHeader(SegmentGeometry const& g, uint64_t generation) {
 
 SharedSegment SharedSegment::create(std::string const& path, SegmentGeometry const& g, uint64_t generation,
                                     std::string& error) {
-  Fd f{::open(path.c_str(), O_RDWR | O_CREAT | O_TRUNC | O_CLOEXEC, 0644)};
+  Fd f{::open(path.c_str(), O_RDWR | O_CREAT | O_TRUNC | O_CLOEXEC, 0640)};
   if (f.fd < 0) {
     error = sysError("cannot create", path, errno);
     return {};
@@ -122,7 +122,7 @@ SharedSegment SharedSegment::createPrivate(SegmentGeometry const& g, uint64_t ge
 }
 
 bool SharedSegment::makeDirectory(std::string const& dir, std::string& error) {
-  if (::mkdir(dir.c_str(), 0755) == 0 || errno == EEXIST) return true;
+  if (::mkdir(dir.c_str(), 0750) == 0 || errno == EEXIST) return true;
   error = sysError("cannot make state directory", dir, errno);
   return false;
 }

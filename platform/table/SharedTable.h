@@ -224,6 +224,15 @@ class SharedTable : public Object, public Notifier<SharedTable<K, V>> {
     }
   }
 
+  // Calls f(V const&) for every entry in slot order: no key is compared or hashed, so a reader that only
+  // counts pays one pass over the slots. The table must not change during the walk.
+  template <class F>
+  void forEachEntryUnordered(F&& f) const {
+    for (size_t i = 0; i < capacity_; ++i) {
+      if (stateAt(i) == kUsed) f(valueAt(i));
+    }
+  }
+
   std::string const& name() const { return name_; }
   std::string const& path() const { return path_; }
   // False once the table could not publish and carries on in private memory.

@@ -63,7 +63,7 @@ TEST(ModAgentCommandLineTest, EveryCommandLineIsCheckedAndEveryErrorNamed) {
       {{"-c", broken, "--check-config"}, 2, "", brokenErrors},
       {{"--help"},
        0,
-       "../mirror_on_drop/libmirror_on_drop.so and ../lib/libmirror_on_drop.so beside the program",
+       "../lib/mirror-on-drop/libmirror_on_drop.so and ../lib/libmirror_on_drop.so beside the program",
        ""},
       {{"--version"}, 0, "mod-agent ", ""},
   };

@@ -220,6 +220,16 @@ TEST_F(ModAgentTest, CheckConfigNamesFileLineAndKeyOfEveryKindOfError) {
       {"[hardware]", "[hardwar]", "[hardwar]", "hardwar: unknown key"},
       {"mirror_on_drop = true", "mirror_on_drop = ", "mirror_on_drop",
        ""},  // TOML syntax: toml++'s own words
+      {"[hardware]", "stop_timeout = -1\n[hardware]", "stop_timeout",
+       "agent.stop_timeout: expected 0 to 3600 seconds"},
+      {"[hardware]", "group = \"nosuchgroup9\"\n[hardware]", "group",
+       "agent.group: no group \"nosuchgroup9\" on this host"},
+      {"replay_interface", "buffer_size = 100\nreplay_interface", "buffer_size",
+       "capture.buffer_size: 100 is out of range (expected 65536 to 1073741824)"},
+      {"[trace]", "[metrics]\nlisten = \"localhost:9464\"\n[trace]", "listen",
+       "metrics.listen: \"localhost\" is not an IPv4 or IPv6 address"},
+      {"levels =", "output = \"/nonexistent-dir/trace.log\"\nlevels =", "output",
+       "trace.output: cannot make /nonexistent-dir/trace.log: /nonexistent-dir: No such file or directory"},
   };
   ASSERT_GE(cases.size(), 15u);
   for (size_t i = 0; i < cases.size(); ++i) {
@@ -274,6 +284,7 @@ TEST_F(ModAgentTest, ReloadAppliesOnlyTheDifferencesAndKeepsTheRunningConfigurat
   write("agent.toml", withC3);
   agent.signal(SIGHUP);
   EXPECT_EQ(waitFor({"c1", "c2", "c3"}), (std::set<std::string>{"c1", "c2", "c3"})) << agent.err();
+  EXPECT_TRUE(agent.waitForErr("reload: collector e1/c3 added (127.0.0.1:9)", 5)) << agent.err();
   write("agent.toml", config("max", "t2", "active_interval = 0.3\ninactive_timeout = 0.5\n"));
   agent.signal(SIGHUP);
   EXPECT_EQ(waitFor({"c1", "c2"}), (std::set<std::string>{"c1", "c2"})) << agent.err();

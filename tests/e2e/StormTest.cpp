@@ -3,7 +3,9 @@
 // them; past the agent's flow cap, new flows are refused and counted while every accepted one is still
 // reported. No timing is asserted here: the storm benchmark measures the cost per flow.
 #include <gtest/gtest.h>
+#include <signal.h>
 #include <stdlib.h>
+#include <unistd.h>
 
 #include <filesystem>
 #include <fstream>
@@ -38,19 +40,25 @@ class StormTest : public ::testing::Test {
                                           "--rate", "100000", "--seed", "5"});
     ASSERT_EQ(r.status, 0) << r.err;
   }
-  // Replays the capture; extra lines go into [agent].
-  Calyx::Test::ProgramResult replay(std::string const& agentLines = "") {
+  // The agent's configuration replaying the capture; extra lines go into [agent].
+  std::string config(std::string const& agentLines = "", std::string const& inactiveTimeout = "5.0",
+                     std::string const& clock = "virtual") {
     std::ostringstream c;
     c << "[agent]\nstate_dir = \"" << state.path() << "\"\n"
       << agentLines << "[hardware]\nmirror_on_drop = true\nexact_match = true\n"
-      << "[capture]\nreplay = \"storm.pcap\"\nreplay_interface = \"Ethernet1\"\nreplay_clock = \"virtual\"\n"
+      << "[capture]\nreplay = \"storm.pcap\"\nreplay_interface = \"Ethernet1\"\nreplay_clock = \"" << clock
+      << "\"\n"
       << "[flow_tracking]\nenabled = true\n[flow_tracking.trackers.t1]\n"
-      << "active_interval = 1.0\ninactive_timeout = 5.0\n"
+      << "active_interval = 1.0\ninactive_timeout = " << inactiveTimeout << "\n"
       << "[flow_tracking.trackers.t1.exporters.e1]\nsource_ipv4 = \"127.0.0.1\"\n"
       << "collectors = { c1 = \"127.0.0.1:" << sink.port() << "\" }\n"
       << "[trace]\nlevels = \"*=0-1\"\n";
     std::ofstream(work + "/agent.toml") << c.str();
-    auto r = programRun("mod-agent", {"--config", work + "/agent.toml"}, work, 600);
+    return work + "/agent.toml";
+  }
+  // Replays the capture to its end; extra lines go into [agent].
+  Calyx::Test::ProgramResult replay(std::string const& agentLines = "") {
+    auto r = programRun("mod-agent", {"--config", config(agentLines)}, work, 600);
     sink.settle();
     return r;
   }
@@ -101,6 +109,31 @@ TEST_F(StormTest, PastTheFlowCapNewFlowsAreRefusedAndEveryAcceptedOneIsReported)
       << r.err;
   EXPECT_EQ(startThenStop(), std::make_pair(size_t(1000), size_t(0)));
   EXPECT_EQ(tableCount("reportStatus.entry"), 0u);
+}
+
+// Stopped with more flows on one interface than its 16-bit flow counter holds (a replay as fast as it goes on
+// the real clock, so that the flows wait for the stop), the turn-off sends every STOP but can never complete:
+// the wrapped counter's exact-match entries stay. A second SIGTERM ends the stop at once (as the deadline
+// would), and the summary says what it closed, what it left and the entries it could not remove.
+TEST_F(StormTest, AStopThatCannotCompleteEndsOnASecondSignalAndSaysWhatItLeft) {
+  capture(66000);
+  Calyx::Test::Program agent("mod-agent", {"--config", config("stop_timeout = 600\n", "3600", "max")}, work);
+  for (int i = 0; i < 6000 && sink.datagrams() < 66000; ++i) usleep(10000);  // every START is out
+  ASSERT_EQ(sink.datagrams(), 66000u) << agent.err();
+  agent.signal(SIGTERM);
+  for (int i = 0; i < 6000 && sink.datagrams() < 132000; ++i) usleep(10000);  // every STOP is out
+  ASSERT_EQ(sink.datagrams(), 132000u) << agent.err();
+  EXPECT_FALSE(agent.wait(0.5)) << "the turn-off completed: " << agent.err();
+  agent.signal(SIGTERM);
+  ASSERT_EQ(agent.wait(30), 0) << agent.err();
+  sink.settle();
+  EXPECT_EQ(startThenStop(), std::make_pair(size_t(66000), size_t(0)));
+  // 66,000 = 65,536 + 464: the 464th STOP took the counter to zero and away; the 65,536 flows after it keep
+  // their exact-match entries.
+  EXPECT_NE(agent.err().find("stop: 66000 flows closed, 0 left (a second SIGTERM; the next agent on " +
+                             state.path() + " sends their STOP reports; 65536 exact-match entries left)"),
+            std::string::npos)
+      << agent.err();
 }
 
 }  // namespace

@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 #include <netinet/in.h>
 
+#include <cerrno>
 #include <memory>
 #include <string>
 #include <vector>
@@ -184,6 +185,14 @@ TEST_F(SenderSmTest, FailedSendIsTracedAndTheNextCollectorStillGetsIt) {
   ASSERT_EQ(errors.size(), 1u);
   EXPECT_NE(errors[0].find("[ERROR]: sending report packet failed { errno = "), std::string::npos)
       << errors[0];
+  EXPECT_NE(errors[0].find("exporter = 'exp', collector = 'c4', dIp = 127.0.0.1"), std::string::npos)
+      << errors[0];
+  // Counted for that collector only, where the agent's statistics are read; cleared with its counters.
+  auto const& failed = exchanger->sendErrors();
+  ASSERT_EQ(failed.size(), 1u);
+  EXPECT_EQ(failed.begin()->first, std::make_pair(String("exp"), String("c4")));
+  EXPECT_EQ(failed.begin()->second.count, 1u);
+  EXPECT_NE(failed.begin()->second.lastErrno, 0);
   auto const records = RingTrace::instance().records();
   ASSERT_FALSE(records.empty());
   EXPECT_EQ(records.back().text.rfind("Failed to send report: errno = ", 0), 0u);
@@ -250,11 +259,15 @@ TEST_F(SenderSmTest, ClearRequestsZeroTheNamedExporterOrAll) {
   flowAdd(1);
   loop->runFor(10.1);
   ASSERT_EQ(counters("x", "other").start(), 1u);
+  exchanger->sendErrorInc("exp", "c4", EHOSTUNREACH);
+  exchanger->sendErrorInc("other", "x", EHOSTUNREACH);
   configReq->clearCounterReqIs(FlowTracking::ClearCounterReq("t1", "exp", 5.0));
   EXPECT_EQ(counters("c4").start(), 0u);
   EXPECT_EQ(counters("x", "other").start(), 1u);
+  EXPECT_EQ(exchanger->sendErrors().size(), 1u);  // the other exporter's stay
   configReq->clearCounterReqIs(FlowTracking::ClearCounterReq("t1", "", 6.0));
   EXPECT_EQ(counters("x", "other"), Collector::EntryStatus(Collector::Key("other", "x")));
+  EXPECT_TRUE(exchanger->sendErrors().empty());
   EXPECT_EQ(collectorStatus->entryCount(), 3u);
   sender.reset();  // its cleanup removes every collector entry
   EXPECT_EQ(collectorStatus->entryCount(), 0u);

@@ -1,6 +1,7 @@
 // modctl as an operator types it, against a real mod-agent replaying a capture (flows kept: inactive timeout
 // 60 s): its command line in every order, its refusals of what it does not know, the flow view's filter,
-// sort, limit and time forms, and what a user without access to the agent's socket is told.
+// sort, limit and time forms, who may use it (the agent's group, nobody else), and what a user without access
+// to the agent's socket is told.
 #include <gtest/gtest.h>
 #include <netinet/in.h>
 #include <sys/stat.h>
@@ -30,13 +31,13 @@ class ModctlTest : public ::testing::Test {
     ASSERT_TRUE(mkdtemp(dir));
     work_ = dir;
     state_ = std::make_unique<Calyx::Test::TempStateDir>();
-    chmod(state_->path().c_str(), 0755);  // as the agent makes its own: anyone may read the tables
     auto const gen =
         programRun("mod-gen", {"--out", work_ + "/drops.pcap", "--flows", "8", "--drops-per-flow", "2",
                                "--seed", "5", "--family", "mixed", "--proto", "mixed"});
     ASSERT_EQ(gen.status, 0) << gen.err;
     std::ofstream(work_ + "/agent.toml")
         << "[agent]\nstate_dir = \"" << state_->path() << "\"\n"
+        << (geteuid() == 0 ? "group = \"daemon\"\n" : "")  // operators' group: one root is not in"
         << "[hardware]\nmirror_on_drop = true\nexact_match = true\n"
         << "[capture]\nreplay = \"drops.pcap\"\nreplay_interface = \"Ethernet1\"\nreplay_clock = \"max\"\n"
         << "[flow_tracking]\nenabled = true\n[flow_tracking.trackers.t1]\n"
@@ -190,27 +191,72 @@ TEST_F(ModctlTest, FlowsAreFilteredSortedAndLimitedAsAsked) {
   EXPECT_EQ(dated["time"].get<std::string>().substr(0, 20), "2023-11-14T22:13:20.");
 }
 
-// As a user who may not use the agent's socket (as root: run as nobody; otherwise: the socket closed to its
-// owner too), then with the agent gone.
+// Run as another user (root only): nobody, with the given supplementary groups.
+ProgramResult asUser(std::vector<std::string> args, std::string const& groups) {
+  args.insert(args.begin(),
+              {"--reuid=65534", "--regid=65534", groups.empty() ? "--clear-groups" : "--groups=" + groups,
+               Program::path("modctl")});
+  return programRun("setpriv", args);
+}
+
+// The state directory belongs to the agent and its group: 02750 (its files take the group), tables and ring
+// trace 0640, the socket 0660. A member of the group (through a supplementary group) uses modctl; anyone else
+// is refused at the door, tables and socket alike.
+TEST_F(ModctlTest, TheAgentsGroupMayUseItAndNobodyElse) {
+  if (geteuid() != 0) GTEST_SKIP() << "needs root: runs modctl as other users";
+  gid_t const daemonGid = 1;
+  struct stat st {};
+  ASSERT_EQ(stat(state_->path().c_str(), &st), 0);
+  EXPECT_EQ(st.st_mode & 07777, 02750u);
+  EXPECT_EQ(st.st_gid, daemonGid);
+  for (char const* name : {"reportStatus.entry", "collectorStatus", "emtConfig", "ring-trace"}) {
+    ASSERT_EQ(stat((state_->path() + "/" + name).c_str(), &st), 0) << name;
+    EXPECT_EQ(st.st_mode & 07777, 0640u) << name;
+    EXPECT_EQ(st.st_uid, 0u) << name;
+    EXPECT_EQ(st.st_gid, daemonGid) << name;
+  }
+  ASSERT_EQ(stat((state_->path() + "/mod-agent.sock").c_str(), &st), 0);
+  EXPECT_EQ(st.st_mode & 0777, 0660u);
+  EXPECT_EQ(st.st_gid, daemonGid);
+
+  std::vector<std::string> const where = {"--state-dir", state_->path()};
+  auto with = [&](std::vector<std::string> args) {
+    args.insert(args.end(), where.begin(), where.end());
+    return args;
+  };
+  auto const member = asUser(with({"status"}), "1");
+  EXPECT_EQ(member.status, 0) << member.err;
+  EXPECT_EQ(asUser(with({"show", "flows"}), "1").status, 0);
+
+  auto const status = asUser(with({"status"}), "");
+  EXPECT_EQ(status.status, 4) << status.err;
+  EXPECT_NE(status.err.find("permission denied"), std::string::npos) << status.err;
+  EXPECT_EQ(status.err.find("not running"), std::string::npos) << status.err;
+  auto const shown = asUser(with({"show", "flows"}), "");
+  EXPECT_EQ(shown.status, 1);
+  EXPECT_NE(shown.err.find("Permission denied"), std::string::npos) << shown.err;
+  EXPECT_EQ(asUser(with({"metrics"}), "").status, 1);
+}
+
+// A user who may read the tables but not use the agent's socket (the socket closed to all but its owner),
+// then the agent gone.
 TEST_F(ModctlTest, AUserWithoutAccessIsToldSoAndTheAgentsAbsenceIsNotInvented) {
   std::string const sock = state_->path() + "/mod-agent.sock";
-  auto const asStranger = [&](std::vector<std::string> args) {
+  auto const asReader = [&](std::vector<std::string> args) {
     args.insert(args.end(), {"--state-dir", state_->path()});
-    if (geteuid() != 0) return programRun("modctl", args);
-    args.insert(args.begin(), {"--reuid=65534", "--regid=65534", "--clear-groups", Program::path("modctl")});
-    return programRun("setpriv", args);
+    return geteuid() == 0 ? asUser(args, "1") : programRun("modctl", args);
   };
-  if (geteuid() != 0) chmod(sock.c_str(), 0);
-  auto const status = asStranger({"status"});
+  chmod(sock.c_str(), geteuid() == 0 ? 0600 : 0);
+  auto const status = asReader({"status"});
   EXPECT_EQ(status.status, 4) << status.err;
   EXPECT_NE(status.err.find("permission denied on " + sock), std::string::npos) << status.err;
   EXPECT_EQ(status.err.find("not running"), std::string::npos) << status.err;
-  auto const metrics = asStranger({"metrics"});
+  auto const metrics = asReader({"metrics"});
   EXPECT_EQ(metrics.status, 0) << metrics.err;
   EXPECT_NE(metrics.out.find("mod_flows 8"), std::string::npos) << metrics.out;
   EXPECT_EQ(metrics.out.find("mod_agent_up"), std::string::npos) << "no false alarm:\n" << metrics.out;
   EXPECT_NE(metrics.err.find("permission denied"), std::string::npos) << metrics.err;
-  if (geteuid() != 0) chmod(sock.c_str(), 0660);
+  chmod(sock.c_str(), 0660);
 
   agent_->signal(SIGKILL);
   agent_->wait(10);

@@ -2,42 +2,21 @@
 
 #include <sstream>
 
+#include "ops/PrometheusText.h"
+
 namespace ModCollector {
+using Ops::PrometheusText;
+
 namespace {
 
-class Writer {
- public:
-  void family(char const* name, char const* type, char const* help) {
-    os_ << "# HELP " << name << " " << help << "\n# TYPE " << name << " " << type << "\n";
-  }
-  template <class V>
-  void sample(std::string const& name, V value, std::string const& labels = {}) {
-    os_ << name << (labels.empty() ? "" : "{" + labels + "}") << " " << value << "\n";
-  }
-  std::string str() const { return os_.str(); }
-
- private:
-  std::ostringstream os_;
-};
-
-// A label, its value escaped as the format wants it.
 std::string label(std::string const& name, std::string const& value) {
-  std::string v;
-  for (char c : value) {
-    if (c == '\n') {
-      v += "\\n";
-      continue;
-    }
-    if (c == '\\' || c == '"') v += '\\';
-    v += c;
-  }
-  return name + "=\"" + v + "\"";
+  return PrometheusText::label(name, value);
 }
 
 }  // namespace
 
 std::string metricsText(CollectorState const& s) {
-  Writer w;
+  PrometheusText w;
   w.family("mod_collector_reports_received_total", "counter", "Reports received, by type and exporter.");
   for (auto const& [source, c] : s.summary.bySource()) {
     w.sample("mod_collector_reports_received_total", c.start,

@@ -137,6 +137,7 @@ std::optional<int> parseOptions(int argc, char** argv, CollectorOptions& o) {
   retainOption->needs(dbOption);
   httpOption->needs(dbOption);
   app.get_option("--queue")->needs(dbOption);
+  app.set_version_flag("--version", std::string("mod-collector ") + MOD_VERSION);
   try {
     app.parse(argc, argv);
   } catch (CLI::ParseError const& e) {

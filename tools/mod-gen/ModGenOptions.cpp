@@ -198,6 +198,7 @@ std::optional<int> modGenOptionsParse(int argc, char** argv, ModGenOptions& o) {
                  "capture time of the first frame, seconds since the epoch (default 1700000000); the header "
                  "timestamps follow the capture times")
       ->check(CLI::NonNegativeNumber);
+  app.set_version_flag("--version", std::string("mod-gen ") + MOD_VERSION);
   try {
     app.parse(argc, argv);
     if (o.out.empty() && o.interface.empty() && o.collector.empty())

@@ -9,9 +9,11 @@
 #include <optional>
 #include <string>
 
-#include "tools/modctl/ModctlTables.h"
+#include "ops/TableViews.h"
 
 namespace Modctl {
+
+using Ops::Json;
 
 enum class ControlFailure { none, notRunning, denied, noAnswer };
 

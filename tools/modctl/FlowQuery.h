@@ -17,9 +17,11 @@
 #include <string>
 #include <vector>
 
-#include "tools/modctl/ModctlTables.h"
+#include "ops/TableViews.h"
 
 namespace Modctl {
+
+using Ops::Json;
 
 class FlowQuery {
  public:

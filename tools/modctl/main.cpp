@@ -8,11 +8,11 @@
 #include <set>
 
 #include "mirror_on_drop/MirrorOnDropPlugin.h"
+#include "ops/AgentMetrics.h"
+#include "ops/TableViews.h"
 #include "platform/core/RingTrace.h"
 #include "tools/modctl/ControlClient.h"
 #include "tools/modctl/FlowQuery.h"
-#include "tools/modctl/Metrics.h"
-#include "tools/modctl/ModctlTables.h"
 
 namespace {
 
@@ -46,7 +46,7 @@ int usage(std::string const& command, std::string const& error) {
 
 int print(std::optional<Json> const& doc, std::string const& error, bool json) {
   if (!doc) return fail(error);
-  std::cout << (json ? doc->dump(2) + "\n" : Modctl::tableText(*doc));
+  std::cout << (json ? doc->dump(2) + "\n" : Ops::tableText(*doc));
   return 0;
 }
 
@@ -69,6 +69,13 @@ int ask(Options const& o, Json const& request, std::function<void(Json const&)> 
 }
 
 void statusText(Json const& r) {
+  // Said first and plainly: an agent that runs is not always an agent that works.
+  if (r.value("health", "ok") == "ok") {
+    std::cout << "health: ok\n";
+  } else {
+    for (auto const& p : r["problems"]) std::cout << "health: DEGRADED: " << p.get<std::string>() << "\n";
+  }
+  if (r.value("stopping", false)) std::cout << "stopping: closing the live flows\n";
   std::cout << "feature: " << r["feature"].get<std::string>() << "\n";
   if (r["tracker"].is_null()) {
     std::cout << "tracker: none\n";
@@ -80,8 +87,30 @@ void statusText(Json const& r) {
   auto const& c = r["counters"];
   std::cout << "frames: received " << c["received"] << ", processed " << c["processed"] << ", rejected "
             << c["rejected"] << "\nflows refused: " << c.value("refused_flows", 0) << "\nreports sent: START "
-            << c["start_reports"] << ", STOP " << c["stop_reports"]
-            << "\nuptime: " << int64_t(r["uptime"].get<double>()) << " s (pid " << r["pid"] << ")\n";
+            << c["start_reports"] << ", STOP " << c["stop_reports"] << "\n";
+  for (auto const& k : r.value("captures", Json::array())) {
+    std::cout << "capture: " << k["interface"].get<std::string>() << " " << k["state"].get<std::string>();
+    if (!k["reason"].get<std::string>().empty()) std::cout << " (" << k["reason"].get<std::string>() << ")";
+    std::cout << ", frames " << k["frames"] << ", kernel drops " << k["kernel_drops"] << "\n";
+  }
+  std::cout << "uptime: " << int64_t(r["uptime"].get<double>()) << " s (pid " << r["pid"] << ")\n";
+}
+
+// The collectors' table, with each collector's send errors when the agent can tell them: they are the
+// agent's statistics, not the table's (null while it cannot be asked).
+std::optional<Json> collectorsWithErrors(Options const& o, std::string& error) {
+  auto doc = Ops::collectorsRead(o.stateDir, error);
+  if (!doc) return doc;
+  auto const r = Modctl::controlRequest(o.socketPath(), {{"command", "status"}}, 1000);
+  Json const known = r.reply ? r.reply->value("collectors", Json::array()) : Json::array();
+  for (auto& row : (*doc)["collectors"]) {
+    row["send_errors"] = nullptr;
+    for (auto const& k : known) {
+      if (k["exporter"] == row["exporter"] && k["collector"] == row["collector"])
+        row["send_errors"] = k["send_errors"];
+    }
+  }
+  return doc;
 }
 
 std::string names(CLI::App const& group) {
@@ -114,7 +143,7 @@ std::optional<int> leftoversRefused(CLI::App& app) {
 // The exporter must have collectors in the counter table, or there is nothing to clear: a typo.
 std::optional<int> exporterRefused(Options const& o) {
   std::string error;
-  auto const table = Modctl::collectorsRead(o.stateDir, error);
+  auto const table = Ops::collectorsRead(o.stateDir, error);
   if (o.exporter.empty() || !table) return std::nullopt;  // unreadable here: the agent decides
   std::set<std::string> known;
   for (auto const& c : (*table)["collectors"]) known.insert(c["exporter"].get<std::string>());
@@ -148,22 +177,19 @@ int traceDump(Options const& o, std::optional<Modctl::FlowQuery::Time> time) {
 }
 
 int metrics(Options const& o) {
-  std::string error;
-  auto const f = Modctl::flowsRead(o.stateDir, error);
-  auto const i = f ? Modctl::interfacesRead(o.stateDir, error) : std::nullopt;
-  auto const c = i ? Modctl::collectorsRead(o.stateDir, error) : std::nullopt;
-  auto const e = c ? Modctl::exactMatchRead(o.stateDir, error) : std::nullopt;
-  if (!e) return fail(error);
   auto const r = Modctl::controlRequest(o.socketPath(), {{"command", "status"}});
   auto state =
-      r.reply && r.reply->value("ok", false) ? Modctl::AgentState::answered : Modctl::AgentState::notRunning;
+      r.reply && r.reply->value("ok", false) ? Ops::AgentState::answered : Ops::AgentState::notRunning;
   if (r.failure == ControlFailure::denied) {
     // Whether the agent runs is unknown to this user: no mod_agent_up rather than a false alarm.
-    state = Modctl::AgentState::unknown;
+    state = Ops::AgentState::unknown;
     std::cerr << "modctl: metrics: the agent's counters and mod_agent_up are left out: " << r.error
               << std::endl;
   }
-  std::cout << Modctl::metricsText(state, r.reply, *f, *i, *c, *e);
+  std::string error;
+  auto const tables = Ops::tableCountsRead(o.stateDir, error);
+  if (!tables) return fail(error);
+  std::cout << Ops::metricsText(state, r.reply, *tables);
   return 0;
 }
 
@@ -230,7 +256,8 @@ int main(int argc, char** argv) {
   flows->add_option("--limit", limit, "at most N flows (after --filter and --sort)")->type_name("N");
   timeOption(flows);
   auto* interfaces = show->add_subcommand("interfaces", "flows per interface of their first drop");
-  auto* collectors = show->add_subcommand("collectors", "bytes and reports per exporter and collector");
+  auto* collectors = show->add_subcommand(
+      "collectors", "bytes, reports and send errors per exporter and collector (errors: from the agent)");
   auto* exactMatch =
       show->add_subcommand("exact-match", "exact-match entries requested and whether installed");
   auto* status = app.add_subcommand("status", "the feature, the active tracker and the agent's counters");
@@ -251,6 +278,7 @@ int main(int argc, char** argv) {
   auto* metricsCommand = app.add_subcommand(
       "metrics", "metrics in the Prometheus text format (for a node exporter's textfile collector)");
   app.footer(kFooter);  // set last: subcommands made before it do not repeat it
+  app.set_version_flag("--version", std::string("modctl ") + MOD_VERSION);
   try {
     app.parse(argc, argv);
   } catch (CLI::ParseError const& e) {
@@ -272,13 +300,13 @@ int main(int argc, char** argv) {
     query.limitIs(limit);
     if (time) query.timeIs(*time);
     std::string error;
-    auto const doc = Modctl::flowsRead(o.stateDir, error);
+    auto const doc = Ops::flowsRead(o.stateDir, error);
     return print(doc ? std::optional<Json>(query.applied(*doc, o.json)) : std::nullopt, error, o.json);
   }
   std::string error;
-  if (interfaces->parsed()) return print(Modctl::interfacesRead(o.stateDir, error), error, o.json);
-  if (collectors->parsed()) return print(Modctl::collectorsRead(o.stateDir, error), error, o.json);
-  if (exactMatch->parsed()) return print(Modctl::exactMatchRead(o.stateDir, error), error, o.json);
+  if (interfaces->parsed()) return print(Ops::interfacesRead(o.stateDir, error), error, o.json);
+  if (collectors->parsed()) return print(collectorsWithErrors(o, error), error, o.json);
+  if (exactMatch->parsed()) return print(Ops::exactMatchRead(o.stateDir, error), error, o.json);
   if (status->parsed()) return ask(o, {{"command", "status"}}, statusText);
   if (counters->parsed()) {
     if (auto refused = exporterRefused(o)) return *refused;

@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 #include <unistd.h>
 
+#include <ctime>
 #include <filesystem>
 #include <fstream>
 #include <regex>
@@ -130,16 +131,26 @@ TEST(FileTraceSink, AppendsOneFormattedLinePerCallAndCountsWhatItCannotWrite) {
   FileTraceSink sink(path);
   ASSERT_TRUE(sink.isOpen()) << sink.error();
   sink.write("MOD-Manager", 0, "Turning on.");
+  sink.write("MOD-Manager", 3, "two\nlines");  // one record stays one line
   std::ifstream in(path);  // read while the sink is open: each line is already in the file
   std::vector<std::string> lines;
   for (std::string line; std::getline(in, line);) lines.push_back(line);
-  std::regex const lineFormat{R"(\d+\.\d{6} MOD-(\S+) (\d) (.*))"};
+  // Wall-clock time, UTC, ISO 8601 with microseconds.
+  std::regex const lineFormat{R"(\d{4}-\d\d-\d\dT\d\d:\d\d:\d\d\.\d{6}Z MOD-(\S+) (\d) (.*))"};
   std::smatch match;
-  ASSERT_EQ(lines.size(), 2u);
+  ASSERT_EQ(lines.size(), 3u);
+  EXPECT_EQ(lines[0].substr(0, 4), std::to_string(1900 + [] {
+              time_t const now = time(nullptr);
+              tm utc{};
+              gmtime_r(&now, &utc);
+              return utc.tm_year;
+            }()));
   ASSERT_TRUE(std::regex_match(lines[0], match, lineFormat)) << lines[0];
   EXPECT_EQ(match[1].str() + match[2].str() + match[3].str(), "Sender1[ERROR] Failed to send report.");
   ASSERT_TRUE(std::regex_match(lines[1], match, lineFormat)) << lines[1];
   EXPECT_EQ(match[1].str() + match[2].str() + match[3].str(), "Manager0Turning on.");
+  ASSERT_TRUE(std::regex_match(lines[2], match, lineFormat)) << lines[2];
+  EXPECT_EQ(match[3].str(), "two\\nlines");
 
   FileTraceSink missing(dir + "/missing/trace.log");
   EXPECT_FALSE(missing.isOpen());

@@ -1,4 +1,4 @@
-#include "tools/modctl/ModctlTables.h"
+#include "ops/TableViews.h"
 
 #include <algorithm>
 #include <map>
@@ -10,7 +10,7 @@
 #include "mirror_on_drop/MirrorOnDropReport.h"
 #include "platform/table/SharedTableReader.h"
 
-namespace Modctl {
+namespace Ops {
 
 using namespace MirrorOnDrop;
 
@@ -72,6 +72,15 @@ std::optional<Json> flowsRead(std::string const& stateDir, std::string& error) {
   return listed("flows", std::move(rows));
 }
 
+std::optional<size_t> flowCount(std::string const& stateDir, std::string& error) {
+  std::string const name = std::string(TableName::kReportStatus) + ".entry";
+  auto reader = Calyx::SharedTableReader<Report::Key, Report::EntryStatus>::forTable(name, stateDir);
+  size_t const n = reader.count();
+  if (reader.error() == Calyx::SharedTableReadError::none) return n;
+  error = "cannot read the table " + name + " in " + stateDir + ": " + reader.errorText();
+  return std::nullopt;
+}
+
 std::optional<Json> interfacesRead(std::string const& stateDir, std::string& error) {
   std::string const name = std::string(TableName::kReportStatus) + ".entryIntf";
   auto rows = snapshot<Report::Interface::Key, Report::Interface::Entry>(stateDir, name, error);
@@ -116,6 +125,21 @@ std::optional<Json> exactMatchRead(std::string const& stateDir, std::string& err
   return listed("entries", std::move(out));
 }
 
+std::optional<TableCounts> tableCountsRead(std::string const& stateDir, std::string& error) {
+  auto const f = flowCount(stateDir, error);
+  auto const i = f ? interfacesRead(stateDir, error) : std::nullopt;
+  auto const c = i ? collectorsRead(stateDir, error) : std::nullopt;
+  auto const e = c ? exactMatchRead(stateDir, error) : std::nullopt;
+  if (!e) return std::nullopt;
+  TableCounts t;
+  t.flows = *f;
+  t.interfaces = (*i)["interfaces"];
+  t.collectors = (*c)["collectors"];
+  t.exactMatch = (*e)["count"].get<size_t>();
+  for (auto const& entry : (*e)["entries"]) t.exactMatchInstalled += entry["installed"].get<bool>();
+  return t;
+}
+
 std::string tableText(Json const& doc) {
   // The first array in the document is the table; its first row's keys are the columns.
   for (auto const& [key, rows] : doc.items()) {
@@ -134,6 +158,8 @@ std::string tableText(Json const& doc) {
         Json const& v = row[c];
         if (v.is_string()) {
           line.push_back(v.get<std::string>());
+        } else if (v.is_null()) {
+          line.push_back("-");  // not known here
         } else if (v.is_array()) {
           std::string joined;
           for (auto const& x : v)
@@ -167,4 +193,4 @@ std::string tableText(Json const& doc) {
   return doc.dump(2) + "\n";
 }
 
-}  // namespace Modctl
+}  // namespace Ops
