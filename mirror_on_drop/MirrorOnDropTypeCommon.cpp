@@ -1,7 +1,5 @@
 #include "mirror_on_drop/MirrorOnDropTypeCommon.h"
 
-#include <arpa/inet.h>
-
 #include <cstdio>
 #include <cstring>
 #include <ostream>
@@ -81,26 +79,27 @@ PacketSize::PacketSize(std::string_view text)
 Timestamp::Timestamp(std::string_view text) : value_(ValueTextReader::parseNumber<uint64_t>(text, "value")) {}
 
 Reason::Reason(uint32_t ctor_part0, uint32_t ctor_part1, uint32_t ctor_part2, uint32_t ctor_part3)
-    : partBE_{htonl(ctor_part0), htonl(ctor_part1), htonl(ctor_part2), htonl(ctor_part3)} {}
+    : partBE_{Calyx::swapNetwork32(ctor_part0), Calyx::swapNetwork32(ctor_part1),
+              Calyx::swapNetwork32(ctor_part2), Calyx::swapNetwork32(ctor_part3)} {}
 
 Reason::Reason(std::string_view text) {
   ValueTextReader r(text, "MirrorOnDrop::Drop::Reason", "partBE0");
   static constexpr std::string_view names[] = {"partBE0", "partBE1", "partBE2", "partBE3"};
-  for (size_t i = 0; i < 4; ++i) partBE_[i] = htonl(r.number<uint32_t>(names[i]));
+  for (size_t i = 0; i < 4; ++i) partBE_[i] = Calyx::swapNetwork32(r.number<uint32_t>(names[i]));
   r.end("partBE3");
 }
 
 uint32_t Reason::part0() const {
-  return ntohl(partBE_[0]);
+  return Calyx::swapNetwork32(partBE_[0]);
 }
 uint32_t Reason::part1() const {
-  return ntohl(partBE_[1]);
+  return Calyx::swapNetwork32(partBE_[1]);
 }
 uint32_t Reason::part2() const {
-  return ntohl(partBE_[2]);
+  return Calyx::swapNetwork32(partBE_[2]);
 }
 uint32_t Reason::part3() const {
-  return ntohl(partBE_[3]);
+  return Calyx::swapNetwork32(partBE_[3]);
 }
 
 std::string Reason::stringValue() const {

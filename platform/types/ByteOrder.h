@@ -2,6 +2,7 @@
 // Reading and writing numbers at an explicit byte order in raw buffers (headers, frames, report packets), one
 // byte at a time, so alignment never matters and the host's own byte order never leaks in.
 
+#include <bit>
 #include <cstddef>
 #include <cstdint>
 
@@ -24,6 +25,13 @@ inline void storeBe(uint8_t* p, uint64_t v, size_t n) {
 inline void storeLe(uint8_t* p, uint64_t v, size_t n) {
   for (size_t i = 0; i < n; ++i, v >>= 8) p[i] = static_cast<uint8_t>(v);
 }
+// A 32-bit number held in memory in network order (most significant byte first), and back: the same swap both
+// ways, nothing on a big-endian host.
+inline uint32_t swapNetwork32(uint32_t v) {
+  if constexpr (std::endian::native == std::endian::little) return __builtin_bswap32(v);
+  return v;
+}
+
 inline uint64_t loadLe(uint8_t const* p, size_t n) {
   uint64_t v = 0;
   for (size_t i = n; i-- > 0;) v = v << 8 | p[i];
