@@ -16,6 +16,27 @@ namespace HwFt = Calyx::HwFlowTracking;
 
 namespace {
 
+// Brings a keyed collection in line with the wanted keys: every member whose key is not wanted goes (the walk
+// first, then the deletes: a collection is not changed under its own walk).
+template <class K>
+void keepOnly(std::set<K> const& wanted, auto first, auto next, auto del) {
+  std::vector<K> gone;
+  for (auto k = first(); k; k = next(*k)) {
+    if (!wanted.count(*k)) gone.push_back(*k);
+  }
+  for (auto const& k : gone) del(k);
+}
+
+// The member a setting names, brought in line with it: the one found, or one made, filled in and then added
+// (so that its reactors first hear it whole).
+template <class T, class Setting>
+void applyOrMake(Setting const& setting, Ptr<T> found, auto apply, auto add) {
+  if (found) return apply(setting, *found);
+  auto made = make<T>(setting.name);
+  apply(setting, *made);
+  add(setting.name, made);
+}
+
 // The interfaces the feature listens on, each with where its frames come from.
 std::vector<std::pair<IntfId, Calyx::Interface::PamBackend>> capturedInterfaces(AgentConfig const& c) {
   std::vector<std::pair<IntfId, Calyx::Interface::PamBackend>> out;
@@ -40,15 +61,13 @@ void interfacesApply(AgentConfig const& c, MirrorOnDrop::FeatureMounts const& m)
     m.kniStatus->kernelIntfIs(intf, {device, device.empty() ? 0u : if_nametoindex(device.c_str())});
     m.fcsd->intfIs(intf);
   }
-  std::vector<IntfId> gone;
-  for (auto i = m.fcsd->intfFirst(); i; i = m.fcsd->intfNext(*i)) {
-    if (!wanted.count(*i)) gone.push_back(*i);
-  }
-  for (auto const& intf : gone) {
-    m.fcsd->intfDel(intf);
-    m.allIntfStatusDir->intfStatusDel(intf);
-    m.kniStatus->kernelIntfDel(intf);
-  }
+  keepOnly(
+      wanted, [&] { return m.fcsd->intfFirst(); }, [&](IntfId const& i) { return m.fcsd->intfNext(i); },
+      [&](IntfId const& intf) {
+        m.fcsd->intfDel(intf);
+        m.allIntfStatusDir->intfStatusDel(intf);
+        m.kniStatus->kernelIntfDel(intf);
+      });
 }
 
 void exporterApply(ExporterSetting const& s, HwFt::ExporterConfig& e) {
@@ -66,16 +85,14 @@ void exporterApply(ExporterSetting const& s, HwFt::ExporterConfig& e) {
       e.collectorIpAndPortIs(c.name, where);
     }
   }
-  std::vector<String> gone;
-  for (auto c = e.collectorIpAndPortFirst(); c; c = e.collectorIpAndPortNext(*c)) {
-    if (!v4.count(*c)) gone.push_back(*c);
-  }
-  for (auto const& c : gone) e.collectorIpAndPortDel(c);
-  gone.clear();
-  for (auto c = e.collectorIp6AndPortFirst(); c; c = e.collectorIp6AndPortNext(*c)) {
-    if (!v6.count(*c)) gone.push_back(*c);
-  }
-  for (auto const& c : gone) e.collectorIp6AndPortDel(c);
+  keepOnly(
+      v4, [&] { return e.collectorIpAndPortFirst(); },
+      [&](String const& c) { return e.collectorIpAndPortNext(c); },
+      [&](String const& c) { e.collectorIpAndPortDel(c); });
+  keepOnly(
+      v6, [&] { return e.collectorIp6AndPortFirst(); },
+      [&](String const& c) { return e.collectorIp6AndPortNext(c); },
+      [&](String const& c) { e.collectorIp6AndPortDel(c); });
 }
 
 void trackerApply(TrackerSetting const& s, FT::TrackerConfig& t) {
@@ -84,38 +101,24 @@ void trackerApply(TrackerSetting const& s, FT::TrackerConfig& t) {
   std::set<String> wanted;
   for (auto const& es : s.exporters) {
     wanted.insert(es.name);
-    if (Ptr<HwFt::ExporterConfig> e = t.exporter(es.name)) {
-      exporterApply(es, *e);
-    } else {
-      auto made = make<HwFt::ExporterConfig>(es.name);
-      exporterApply(es, *made);
-      t.exporterIs(es.name, made);
-    }
+    applyOrMake(es, t.exporter(es.name), exporterApply,
+                [&](String const& name, Ptr<HwFt::ExporterConfig> const& e) { t.exporterIs(name, e); });
   }
-  std::vector<String> gone;
-  for (auto e = t.exporterFirst(); e; e = t.exporterNext(*e)) {
-    if (!wanted.count(*e)) gone.push_back(*e);
-  }
-  for (auto const& e : gone) t.exporterDel(e);
+  keepOnly(
+      wanted, [&] { return t.exporterFirst(); }, [&](String const& e) { return t.exporterNext(e); },
+      [&](String const& e) { t.exporterDel(e); });
 }
 
 void trackersApply(AgentConfig const& c, FT::Config& config) {
   std::set<String> wanted;
   for (auto const& ts : c.trackers) {
     wanted.insert(ts.name);
-    if (Ptr<FT::TrackerConfig> t = config.tracker(ts.name)) {
-      trackerApply(ts, *t);
-    } else {
-      auto made = make<FT::TrackerConfig>(ts.name);
-      trackerApply(ts, *made);
-      config.trackerIs(ts.name, made);
-    }
+    applyOrMake(ts, config.tracker(ts.name), trackerApply,
+                [&](String const& name, Ptr<FT::TrackerConfig> const& t) { config.trackerIs(name, t); });
   }
-  std::vector<String> gone;
-  for (auto t = config.trackerFirst(); t; t = config.trackerNext(*t)) {
-    if (!wanted.count(*t)) gone.push_back(*t);
-  }
-  for (auto const& t : gone) config.trackerDel(t);
+  keepOnly(
+      wanted, [&] { return config.trackerFirst(); }, [&](String const& t) { return config.trackerNext(t); },
+      [&](String const& t) { config.trackerDel(t); });
 }
 
 }  // namespace
