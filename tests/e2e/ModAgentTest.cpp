@@ -385,7 +385,15 @@ TEST_F(ModAgentTest, LiveCaptureOnAVethPairReachesTheCollector) {
       "ip", {"netns", "exec", ns.name(), Program::path("mod-agent"), "--config", write("live.toml", text)},
       work);
   ASSERT_TRUE(agent.waitForErr("started: feature on", 10)) << agent.err();
-  usleep(500000);  // the capture opens on the agent's next loop turn
+  // The capture opens on the agent's next loop turn: wait until its status says it is up.
+  auto const captureUp = [&] {
+    auto const r = programRun("modctl", {"--state-dir", state.path(), "--json", "status"});
+    auto const status = nlohmann::json::parse(r.out, nullptr, false);
+    return status.is_object() && status.contains("captures") && !status["captures"].empty() &&
+           status["captures"][0].value("state", "") == "up";
+  };
+  for (int i = 0; i < 200 && !captureUp(); ++i) usleep(20000);
+  ASSERT_TRUE(captureUp()) << agent.err();
   ASSERT_TRUE(ns.run(Program::path("mod-gen") + " --interface " + ns.a() +
                      " --rate 0 --flows 5 --drops-per-flow 2 --seed 8 >/dev/null 2>&1"));
   std::map<Bytes, std::string> got;
@@ -425,7 +433,7 @@ TEST_F(ModAgentTest, ExactMatchEntriesAreInstalledWhileFlowsAreReported) {
     for (auto const& [bytes, types] : byReport(decode(rx4.drain()))) got[bytes] += types;
     usleep(10000);
   }
-  usleep(100000);
+  for (int i = 0; i < 300 && !reader.snapshot().empty(); ++i) usleep(10000);
   EXPECT_TRUE(reader.snapshot().empty());
   agent.signal(SIGTERM);
   EXPECT_EQ(agent.wait(10), 0) << agent.err();
