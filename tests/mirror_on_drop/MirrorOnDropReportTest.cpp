@@ -105,7 +105,7 @@ TEST(EntryOutboxTest, SetSemanticsAndNotification) {
 }
 
 TEST(ReportRecordsTest, TextFormsRoundTripAndNameTheField) {
-  Report::Report r(Drop::Timestamp(9), Drop::Reason(1, 0, 0, 0), 14);
+  MirrorOnDrop::Report::Report r(Drop::Timestamp(9), Drop::Reason(1, 0, 0, 0), 14);
   EntryStatus const e(key(5), ReportType::START, r);
   EXPECT_EQ(EntryStatus(e.valueToStrep()), e);
   EXPECT_EQ(Key(key(5).valueToStrep()), key(5));
@@ -129,7 +129,7 @@ TEST(ReportRecordsTest, TextFormsRoundTripAndNameTheField) {
 // back.
 TEST(ReportStatusTest, StoredReportLargerThanTheSampleIsCorruption) {
   Calyx::Test::TempStateDir dir;
-  Report::Report r(Drop::Timestamp(9), Drop::Reason(1, 0, 0, 0), 14);
+  MirrorOnDrop::Report::Report r(Drop::Timestamp(9), Drop::Reason(1, 0, 0, 0), 14);
   EntryStatus const e(key(5), ReportType::START, r);
   statusFactory("rs")->entryIs(e);
   // Find the entry's bytes in the file and raise its size byte to 200, as a damaged file would have it.

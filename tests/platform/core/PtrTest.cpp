@@ -42,7 +42,8 @@ TEST(PtrTest, TheLastReferenceFreesAndCopiesAndRawPointersCountUp) {
   a.reset();
   b = nullptr;
   EXPECT_EQ(alive, 1);
-  c = c;  // self-assignment keeps it
+  Ptr<Tracked>& same = c;
+  c = same;  // self-assignment keeps it
   EXPECT_EQ(alive, 1);
   c.reset();
   EXPECT_EQ(alive, 0);
