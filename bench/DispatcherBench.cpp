@@ -1,7 +1,8 @@
 // The feature's receive road: frames into an in-memory packet access module, the receiver and its parser, the
 // dispatcher and its shared tables. Compare in the same run:
-// - BM_KnownFlowDrops (drops of 1,000 flows the dispatcher already holds) with BM_KnownFlowBaseline (copy the
-//   frame into a packet and look its five-tuple up in a std::unordered_map of the same flows);
+// - BM_KnownFlowDrops/N (drops of N flows the dispatcher already holds, 1k to 1M) with BM_KnownFlowBaseline/N
+//   (copy the frame into a packet and look its five-tuple up in a std::unordered_map of the same flows): the
+//   counters vs_baseline and vs_smallest (see BenchSweep.h);
 // - BM_NewFlows (first drops: a Report::Status entry, an interface counter and an Emt::Config entry, all
 //   published in shared memory) with BM_NewFlowBaseline (std::unordered_map inserts of the same keys);
 // - BM_SharedMemoryPerFlow: bytes of the tables' segment files per live flow (counter bytes_per_flow).
@@ -14,6 +15,7 @@
 #include <unordered_map>
 #include <vector>
 
+#include "bench/BenchSweep.h"
 #include "mirror_on_drop/MirrorOnDropDispatcherSm.h"
 #include "platform/io/InMemoryPam.h"
 #include "platform/types/PktManager.h"
@@ -141,27 +143,13 @@ Tuple tupleAt(uint8_t const* p) {
   return Tuple{ip[9], src, dst, uint16_t(ip[20] << 8 | ip[21]), uint16_t(ip[22] << 8 | ip[23])};
 }
 
-void BM_KnownFlowDrops(benchmark::State& state) {
-  auto const frames = framesOf(0, 1000);
-  Rig rig;
-  rig.drop(frames, 0, frames.size());
-  uint64_t const before = rig.processed();
-  size_t at = 0;
-  for (auto _ : state) {
-    rig.drop(frames, at, kBatch);
-    at = (at + kBatch) % (frames.size() - kBatch);
-  }
-  if (rig.flows() != 1000 || rig.processed() - before != uint64_t(state.iterations()) * kBatch)
-    state.SkipWithError("frames were rejected or flows appeared");
-  state.SetItemsProcessed(int64_t(state.iterations() * kBatch));
-}
-
 void BM_KnownFlowBaseline(benchmark::State& state) {
-  auto const frames = framesOf(0, 1000);
+  auto const frames = framesOf(0, uint32_t(state.range(0)));
   std::unordered_map<Tuple, uint32_t, TupleHash> flows;
   for (auto const& f : frames) flows.emplace(tupleAt(f.data()), 0);
   size_t at = 0;
   uint64_t hits = 0;
+  BenchSweep::CpuTimer cpu;
   for (auto _ : state) {
     for (size_t i = at; i < at + kBatch; ++i) {
       Ptr<Pkt> pkt = PktManager::global().newPkt();
@@ -170,7 +158,26 @@ void BM_KnownFlowBaseline(benchmark::State& state) {
     }
     at = (at + kBatch) % (frames.size() - kBatch);
   }
+  BenchSweep::costReport(state, "known-flow baseline", cpu.seconds(), double(state.iterations() * kBatch));
   benchmark::DoNotOptimize(hits);
+  state.SetItemsProcessed(int64_t(state.iterations() * kBatch));
+}
+
+void BM_KnownFlowDrops(benchmark::State& state) {
+  auto const frames = framesOf(0, uint32_t(state.range(0)));
+  Rig rig;
+  rig.drop(frames, 0, frames.size());
+  uint64_t const before = rig.processed();
+  size_t at = 0;
+  BenchSweep::CpuTimer cpu;
+  for (auto _ : state) {
+    rig.drop(frames, at, kBatch);
+    at = (at + kBatch) % (frames.size() - kBatch);
+  }
+  BenchSweep::costReport(state, "known-flow drops", cpu.seconds(), double(state.iterations() * kBatch),
+                         "known-flow baseline");
+  if (rig.flows() != frames.size() || rig.processed() - before != uint64_t(state.iterations()) * kBatch)
+    state.SkipWithError("frames were rejected or flows appeared");
   state.SetItemsProcessed(int64_t(state.iterations() * kBatch));
 }
 
@@ -219,8 +226,8 @@ void BM_SharedMemoryPerFlow(benchmark::State& state) {
   state.counters["bytes_per_flow"] = double(rig.sharedBytes()) / n;
 }
 
-BENCHMARK(BM_KnownFlowDrops);
-BENCHMARK(BM_KnownFlowBaseline);
+BENCHMARK(BM_KnownFlowBaseline)->Apply(BenchSweep::sizes);
+BENCHMARK(BM_KnownFlowDrops)->Apply(BenchSweep::sizes);
 BENCHMARK(BM_NewFlows)->Unit(benchmark::kMillisecond);
 BENCHMARK(BM_NewFlowBaseline)->Unit(benchmark::kMillisecond);
 BENCHMARK(BM_SharedMemoryPerFlow)->Arg(100000)->Arg(1000000)->Iterations(1)->Unit(benchmark::kMillisecond);
