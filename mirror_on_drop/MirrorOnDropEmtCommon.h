@@ -29,6 +29,7 @@ class Key {
   explicit Key(std::string_view text);
 
   FlowKey const& flowKey() const { return flow_; }
+  FlowKey& flowKey() { return flow_; }  // to fill in place
   uint8_t ipProto() const { return flow_.ipProto(); }
   IpGenAddr const& srcIp() const { return flow_.srcIp(); }
   IpGenAddr const& dstIp() const { return flow_.dstIp(); }
