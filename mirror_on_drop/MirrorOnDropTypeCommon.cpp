@@ -122,10 +122,6 @@ std::string Reason::valueToStrep() const {
 
 // --- Header ---
 
-Header::Header(uint8_t const* bytes) {
-  std::memcpy(bytes_, bytes, kSize);
-}
-
 Header::Header(Drop::PacketSize packetSize, Drop::Timestamp timestamp, uint16_t typeOrLen) {
   Calyx::storeLe(bytes_, packetSize.value(), 2);
   Calyx::storeLe(bytes_ + 2, timestamp.value(), 8);
@@ -139,16 +135,6 @@ Header::Header(std::string_view text) {
   auto const type = r.number<uint16_t>("typeOrLen");
   r.end("typeOrLen");
   *this = Header(Drop::PacketSize(size), Drop::Timestamp(time), type);
-}
-
-Drop::PacketSize Header::packetSize() const {
-  return Drop::PacketSize(static_cast<uint16_t>(Calyx::loadLe(bytes_, 2)));
-}
-Drop::Timestamp Header::timestamp() const {
-  return Drop::Timestamp(Calyx::loadLe(bytes_ + 2, 8));
-}
-uint16_t Header::typeOrLen() const {
-  return Calyx::loadBe16(bytes_ + 10);
 }
 
 std::string Header::valueToStrep() const {

@@ -7,12 +7,14 @@
 // reason is kept in network order in memory and converted only by its accessors.
 
 #include <cstdint>
+#include <cstring>
 #include <iosfwd>
 #include <string>
 #include <string_view>
 
 #include "platform/core/Clock.h"
 #include "platform/table/SharedTableOptions.h"
+#include "platform/types/ByteOrder.h"
 #include "platform/types/Hash.h"
 #include "platform/types/IpGenAddr.h"
 
@@ -129,13 +131,14 @@ class Header {
 
   Header() = default;
   // Copies the 12 header bytes from a mirrored frame.
-  explicit Header(uint8_t const* bytes);
+  explicit Header(uint8_t const* bytes) { std::memcpy(bytes_, bytes, kSize); }
   Header(Drop::PacketSize packetSize, Drop::Timestamp timestamp, uint16_t typeOrLen);
   explicit Header(std::string_view text);
 
-  Drop::PacketSize packetSize() const;
-  Drop::Timestamp timestamp() const;
-  uint16_t typeOrLen() const;  // host order
+  // Inline: the parser reads them from every frame.
+  Drop::PacketSize packetSize() const { return Drop::PacketSize(Calyx::loadLe16(bytes_)); }
+  Drop::Timestamp timestamp() const { return Drop::Timestamp(Calyx::loadLe64(bytes_ + 2)); }
+  uint16_t typeOrLen() const { return Calyx::loadBe16(bytes_ + 10); }  // host order
   uint8_t const* bytes() const { return bytes_; }
 
   std::string valueToStrep() const;

@@ -26,13 +26,6 @@ Pkt::Pkt(size_t capacity, size_t headroom)
       data_(buffer_ + std::min(headroom, capacity)),
       defaultHeadroom_(std::min(headroom, capacity)) {}
 
-void Pkt::headDel(size_t n) {
-  CALYX_ASSERT(n <= dataBytes_, "ptrWithinRegion( data_, buffer_, size_ )");
-  data_ += n;
-  dataBytes_ -= n;
-  checkInvariants();
-}
-
 uint8_t* Pkt::headPrepend(size_t n) {
   if (n > headroom()) reallocate(defaultHeadroom_ + n + dataBytes_ + tailroom(), defaultHeadroom_ + n);
   data_ -= n;

@@ -19,6 +19,7 @@
 #include <cstdint>
 #include <memory>
 
+#include "platform/core/Assert.h"
 #include "platform/core/Object.h"
 
 namespace Calyx {
@@ -40,8 +41,13 @@ class Pkt : public Object {
   size_t headroom() const { return static_cast<size_t>(data_ - buffer_); }
   size_t tailroom() const { return size_ - headroom() - dataBytes_; }
 
-  // Deletes n bytes from the head of the data; n > bytes() is fatal.
-  void headDel(size_t n);
+  // Deletes n bytes from the head of the data; n > bytes() is fatal. Inline: a parser calls it per header.
+  void headDel(size_t n) {
+    // Within the data, so within the buffer: the invariants hold afterwards without a further check.
+    CALYX_ASSERT(n <= dataBytes_, "ptrWithinRegion( data_, buffer_, size_ )");
+    data_ += n;
+    dataBytes_ -= n;
+  }
   // Makes n more bytes of data in front of the current data and returns the new head. The new bytes are not
   // initialised.
   uint8_t* headPrepend(size_t n);
