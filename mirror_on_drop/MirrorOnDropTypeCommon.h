@@ -160,6 +160,9 @@ class FlowKey {
   uint8_t ipProto() const { return ipProto_; }
   IpGenAddr const& srcIp() const { return srcIp_; }
   IpGenAddr const& dstIp() const { return dstIp_; }
+  // The addresses themselves, to be filled in place (IpGenAddr::v4Is, v6Is).
+  IpGenAddr& srcIp() { return srcIp_; }
+  IpGenAddr& dstIp() { return dstIp_; }
   uint16_t srcPort() const { return srcPort_; }
   uint16_t dstPort() const { return dstPort_; }
   void ipProtoIs(uint8_t v) { ipProto_ = v; }
