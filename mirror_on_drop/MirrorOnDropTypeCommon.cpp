@@ -173,33 +173,9 @@ void FlowKey::fieldsWrite(ValueTextWriter& w) const {
       .field("dstPort", dstPort_);
 }
 
-bool FlowKey::operator==(FlowKey const& o) const {
-  return ipProto_ == o.ipProto_ && srcIp_ == o.srcIp_ && dstIp_ == o.dstIp_ && srcPort_ == o.srcPort_ &&
-         dstPort_ == o.dstPort_;
-}
-
 bool FlowKey::operator<(FlowKey const& o) const {
   return std::tie(ipProto_, srcIp_, dstIp_, srcPort_, dstPort_) <
          std::tie(o.ipProto_, o.srcIp_, o.dstIp_, o.srcPort_, o.dstPort_);
-}
-
-uint32_t FlowKey::hash(uint32_t seed) const {
-  Calyx::IncrementalHash h(seed);
-  hashFeed(h);
-  return h.value();
-}
-
-void FlowKey::hashFeed(Calyx::IncrementalHash& h) const {
-  // The same bytes as feeding each field in turn (the hash does not depend on how its input is split), in one
-  // call so that they are mixed a block at a time.
-  uint32_t const src = srcIp_.hash(), dst = dstIp_.hash();
-  uint8_t bytes[13];
-  bytes[0] = ipProto_;
-  std::memcpy(bytes + 1, &src, 4);
-  std::memcpy(bytes + 5, &dst, 4);
-  std::memcpy(bytes + 9, &srcPort_, 2);
-  std::memcpy(bytes + 11, &dstPort_, 2);
-  h.add(bytes, sizeof bytes);
 }
 
 std::string FlowKey::strep(std::string_view typeName) const {

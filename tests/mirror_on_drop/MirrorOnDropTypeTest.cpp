@@ -6,10 +6,12 @@
 #include <stdexcept>
 #include <string>
 
+#include "mirror_on_drop/MirrorOnDropEmtCommon.h"
 #include "mirror_on_drop/MirrorOnDropType.h"
 #include "mirror_on_drop/MirrorOnDropTypeCommon.h"
 
 using namespace MirrorOnDrop;
+using Calyx::IntfId;
 using Calyx::Ip4Addr;
 using Calyx::IpGenAddr;
 
@@ -122,6 +124,19 @@ TEST(FlowKeyTest, EqualityOrderingAndHash) {
   EXPECT_TRUE(b < v6);  // by the address type's ordering of the families
   FlowKey const udp(17, ip("0.0.0.1"), ip("0.0.0.1"), 0, 0);
   EXPECT_TRUE(v6 < udp);  // protocol first
+}
+
+// The hashes place keys in shared-memory tables that other programs read, and order the batches reports go
+// out in: they must not change by accident. A flow key alone, and with an interface after it (Emt::Key, which
+// feeds the interface's hash behind the flow key's 13 bytes).
+TEST(FlowKeyTest, PinnedHashes) {
+  FlowKey const v4(6, ip("10.1.2.3"), ip("192.168.0.1"), 1234, 443);
+  FlowKey const v6(17, ip("2001:db8::7"), ip("2001:db8::1:2"), 53, 5353);
+  EXPECT_EQ(v4.hash(), 0x0d1f6a72u);
+  EXPECT_EQ(v4.hash(9), 0x604bc6ceu);
+  EXPECT_EQ(v6.hash(), 0x8d3a19e5u);
+  EXPECT_EQ(Emt::Key(v4, IntfId("Ethernet12")).hash(), 0xf4766097u);
+  EXPECT_EQ(Emt::Key(v6, IntfId("Port-Channel3")).hash(), 0x019baf5du);
 }
 
 TEST(FlowKeyTest, TextRoundTripAndFieldErrors) {

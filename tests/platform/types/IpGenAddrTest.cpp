@@ -52,6 +52,16 @@ TEST(IpGenAddrInPlace, FillingOverAnotherFamilyLeavesNothingOfIt) {
   EXPECT_EQ(a, addr("2001:db8::7"));
 }
 
+// The hash places keys in shared-memory tables that other programs read, and orders the batches reports go
+// out in: it must not change by accident. MurmurHash3 of the family code and the address bytes.
+TEST(IpGenAddrHash, PinnedValues) {
+  EXPECT_EQ(addr("10.1.2.3").hash(), 0x65d32133u);
+  EXPECT_EQ(addr("10.1.2.3").hash(7), 0xd5c3c0a9u);
+  EXPECT_EQ(addr("2001:db8::7").hash(), 0xaac2d2ccu);
+  EXPECT_EQ(addr("2001:db8::7").hash(7), 0x50d719d8u);
+  EXPECT_EQ(IpGenAddr().hash(), 0x514e28b7u);
+}
+
 TEST(IpGenAddrHash, OneByteApartHashesApart) {
   IpGenAddr base = addr("10.0.0.1");
   for (uint32_t bit = 0; bit < 32; bit += 8) {
