@@ -185,7 +185,8 @@ class ReceiverSm::PamReactor : public Calyx::Pam::Reactor {
  public:
   PamReactor(ReceiverSm& sm, IntfId const& intfId, Ptr<Calyx::Pam const> pam)
       : Reactor(std::move(pam)), sm_(sm), intfId_(intfId) {}
-  void handleReadable() override { sm_.handlePamReadable(intfId_); }
+  // The reactor itself stands for its module (a reactor removed meanwhile is never called): no look-up.
+  void handleReadable() override { sm_.pamRead(intfId_, Ptr<Calyx::Pam const>(notifier())); }
 
  private:
   ReceiverSm& sm_;
@@ -269,14 +270,20 @@ void ReceiverSm::pamDelAll() {
 }
 
 void ReceiverSm::handlePamReadable(IntfId const& intfId) {
+  auto it = pam_.find(intfId);
+  if (it == pam_.end()) {
+    MOD_TRACE(trace(), 8, "ReceiverSm::handlePamReadable(" << intfId.shortName() << ")");
+    return;
+  }
+  pamRead(intfId, Ptr<Calyx::Pam const>(it->second->notifier()));
+}
+
+void ReceiverSm::pamRead(IntfId const& intfId, Ptr<Calyx::Pam const> const& pam) {
   MOD_TRACE(trace(), 8, "ReceiverSm::handlePamReadable(" << intfId.shortName() << ")");
   Detail::TraceManager::Scope scope;
   // A reactor of the dispatcher may drop this receiver, or the module, while a frame is handled: keep both
   // alive until the pass ends, and stop reading once the module is no longer ours.
   Ptr<ReceiverSm> const self(this);
-  auto it = pam_.find(intfId);
-  if (it == pam_.end()) return;
-  Ptr<Calyx::Pam const> const pam(it->second->notifier());
   MOD_TRACE(trace(), 4, "Retrieving " << pam->curRxPkts() << " packet(s).");
   uint64_t generation = pamGeneration_;
   while (true) {
