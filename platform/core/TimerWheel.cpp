@@ -56,7 +56,8 @@ TimerWheel::~TimerWheel() {
 }
 
 uint64_t TimerWheel::tickOf(double t) const {
-  double const tick = std::floor(t / granularitySeconds_);
+  // Truncating a positive number is flooring it, without a call to floor().
+  double const tick = t / granularitySeconds_;
   return tick <= 0 ? 0 : static_cast<uint64_t>(tick);
 }
 
