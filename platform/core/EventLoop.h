@@ -55,7 +55,8 @@ class EventLoop : public Object, public Notifier<EventLoop> {
   static EventLoop* current();
 
   Clock& clock() const { return *clock_; }
-  double now() const { return clock_->now(); }
+  // The simulated clock directly, without a virtual call: a simulated step asks for the time many times.
+  double now() const { return simulated_ ? simulated_->now() : clock_->now(); }
   bool isSimulated() const { return simulated_ != nullptr; }
   TaskScheduler& scheduler() const { return *scheduler_; }
 

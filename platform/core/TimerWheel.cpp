@@ -132,8 +132,7 @@ double TimerWheel::earliestTime() const {
   return due;
 }
 
-double TimerWheel::nextDue() const {
-  if (nextDueKnown_) return nextDue_;
+double TimerWheel::nextDueFind() const {
   double due = kNever;
   if (armed_ == 0) {
     due = kNever;
@@ -209,9 +208,11 @@ size_t TimerWheel::fireDue() {
   // What stays armed is what the floor must stay below; arming from the handlers lowers it again.
   dueFloor_ = earliestTime();
 
-  std::sort(due.begin(), due.end(), [](Ptr<Timer> const& a, Ptr<Timer> const& b) {
-    return a->timeMin_ != b->timeMin_ ? a->timeMin_ < b->timeMin_ : a->armSeq_ < b->armSeq_;
-  });
+  if (due.size() > 1) {
+    std::sort(due.begin(), due.end(), [](Ptr<Timer> const& a, Ptr<Timer> const& b) {
+      return a->timeMin_ != b->timeMin_ ? a->timeMin_ < b->timeMin_ : a->armSeq_ < b->armSeq_;
+    });
+  }
   size_t fired = 0;
   for (Ptr<Timer>& t : due) {
     // An earlier handler may have re-armed this one (it is filed again) or cancelled it (it is idle).

@@ -75,11 +75,12 @@ class TimerWheel : public Object {
              uint32_t maxFirePerTurn);
 
   Clock const& clock() const { return *clock_; }
-  double now() const { return clock_->now(); }
+  double now() const { return loop_->now(); }  // the loop's clock
   Ptr<Timer> timerNew() { return make<Timer>(Ptr<TimerWheel>(this)); }
 
-  // When the next timer may be due (kNever when none is armed). Never later than the true next time.
-  double nextDue() const;
+  // When the next timer may be due (kNever when none is armed). Never later than the true next time. Inline
+  // while it is remembered: a simulated loop asks every wheel at every step.
+  double nextDue() const { return nextDueKnown_ ? nextDue_ : nextDueFind(); }
   // Fires the timers that are due now, at most maxFirePerTurn of them; returns how many fired.
   size_t fireDue();
   // True when no timer can be due at time t, so that fireDue() would return 0 at once: a loop turn asks
@@ -101,6 +102,7 @@ class TimerWheel : public Object {
   bool isDue(Timer const* t, double now) const;
   // No armed timer's time is earlier than this; it is the earliest exactly when that timer is in the ring.
   double earliestTime() const;
+  double nextDueFind() const;
   // The first occupied slot at or after tick `from`, as a distance in ticks less than limit (at most one
   // turn of the ring).
   std::optional<uint64_t> occupiedAfter(uint64_t from, uint64_t limit) const;
