@@ -17,8 +17,8 @@ namespace MirrorOnDrop::Emt {
 
 using Calyx::IntfId;
 
-// A flow key with the interface appended: laid out, compared and hashed as the flow key first, then the
-// interface.
+// A flow key with the interface appended: laid out and compared as the flow key first, then the interface;
+// hashed from the words of both (hash(), stable across processes and runs as the tables need).
 class Key {
  public:
   Key() = default;

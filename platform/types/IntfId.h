@@ -58,6 +58,13 @@ class IntfId {
     h.add(name_, length());
     return h.value();
   }
+  // A hash of the whole zero-filled name for keys hashed as words (see wideMix): the same name gives the same
+  // value in every process and run, with no length to find first.
+  uint64_t wideHash(uint64_t seed) const {
+    uint64_t w[4];
+    std::memcpy(w, name_, sizeof w);
+    return wideMix(w[0] ^ seed, w[1]) ^ wideMix(w[2], w[3] ^ seed);
+  }
   String stringValue() const { return String(name()); }
   static std::optional<IntfId> parse(std::string_view text, String* error = nullptr);
 

@@ -129,6 +129,13 @@ class IpGenAddr {
     }
     return h.value();
   }
+  // Address bytes 8i to 8i + 7 (i is 0 or 1) as one word in host order, an IPv4 address's tail zero: for
+  // hashes that mix words.
+  uint64_t word(size_t i) const {
+    uint64_t w;
+    std::memcpy(&w, bytes_.data() + 8 * i, 8);
+    return w;
+  }
   String stringValue() const;
   static std::optional<IpGenAddr> parse(std::string_view text, String* error = nullptr);
 
