@@ -1,22 +1,24 @@
 // The feature's receive road: frames into an in-memory packet access module, the receiver and its parser, the
 // dispatcher and its shared tables. Compare in the same run:
-// - BM_KnownFlowDrops (drops of 1,000 flows the dispatcher already holds) with BM_KnownFlowBaseline (copy the
-//   frame into a packet and look its five-tuple up in a std::unordered_map of the same flows);
-// - BM_NewFlows (bursts of 1k to 1M first drops into a fresh dispatcher: a Report::Status entry, an interface
-//   counter and an Emt::Config entry each, all published in shared memory, the tables growing with the burst)
-//   with BM_NewFlowBaseline (the same keys inserted into a fresh std::unordered_map); each prints its cost
-//   per flow (CPU time of the thread, page faults included) and that cost over its 1k burst's (vs_1k);
+// - BM_KnownFlowDrops/N (drops of N flows the dispatcher already holds, 1k to 1M) with BM_KnownFlowBaseline/N
+//   (copy the frame into a packet and look its five-tuple up in a std::unordered_map of the same flows): the
+//   counters vs_baseline and vs_smallest (see BenchSweep.h);
+// - BM_NewFlows/N (bursts of N first drops into a fresh dispatcher: a Report::Status entry, an interface
+// counter
+//   and an Emt::Config entry each, all published in shared memory, the tables growing with the burst as in a
+//   storm) with BM_NewFlowBaseline/N (the same keys inserted into a fresh std::unordered_map), the same
+//   counters;
 // - BM_SharedMemoryPerFlow: bytes of the tables' segment files per live flow (counter bytes_per_flow).
 #include <benchmark/benchmark.h>
 #include <stdlib.h>
 #include <sys/stat.h>
 
 #include <cstring>
-#include <ctime>
 #include <filesystem>
 #include <unordered_map>
 #include <vector>
 
+#include "bench/BenchSweep.h"
 #include "mirror_on_drop/MirrorOnDropDispatcherSm.h"
 #include "platform/io/InMemoryPam.h"
 #include "platform/types/PktManager.h"
@@ -144,27 +146,13 @@ Tuple tupleAt(uint8_t const* p) {
   return Tuple{ip[9], src, dst, uint16_t(ip[20] << 8 | ip[21]), uint16_t(ip[22] << 8 | ip[23])};
 }
 
-void BM_KnownFlowDrops(benchmark::State& state) {
-  auto const frames = framesOf(0, 1000);
-  Rig rig;
-  rig.drop(frames, 0, frames.size());
-  uint64_t const before = rig.processed();
-  size_t at = 0;
-  for (auto _ : state) {
-    rig.drop(frames, at, kBatch);
-    at = (at + kBatch) % (frames.size() - kBatch);
-  }
-  if (rig.flows() != 1000 || rig.processed() - before != uint64_t(state.iterations()) * kBatch)
-    state.SkipWithError("frames were rejected or flows appeared");
-  state.SetItemsProcessed(int64_t(state.iterations() * kBatch));
-}
-
 void BM_KnownFlowBaseline(benchmark::State& state) {
-  auto const frames = framesOf(0, 1000);
+  auto const frames = framesOf(0, uint32_t(state.range(0)));
   std::unordered_map<Tuple, uint32_t, TupleHash> flows;
   for (auto const& f : frames) flows.emplace(tupleAt(f.data()), 0);
   size_t at = 0;
   uint64_t hits = 0;
+  BenchSweep::CpuTimer cpu;
   for (auto _ : state) {
     for (size_t i = at; i < at + kBatch; ++i) {
       Ptr<Pkt> pkt = PktManager::global().newPkt();
@@ -173,69 +161,62 @@ void BM_KnownFlowBaseline(benchmark::State& state) {
     }
     at = (at + kBatch) % (frames.size() - kBatch);
   }
+  BenchSweep::costReport(state, "known-flow baseline", cpu.seconds(), double(state.iterations() * kBatch));
   benchmark::DoNotOptimize(hits);
   state.SetItemsProcessed(int64_t(state.iterations() * kBatch));
 }
 
-// Seconds of this thread's CPU time, page faults in the kernel included: on a shared machine, the time other
-// processes take the CPU from the benchmark does not count against it.
-double cpuSeconds() {
-  timespec t{};
-  clock_gettime(CLOCK_THREAD_CPUTIME_ID, &t);
-  return double(t.tv_sec) + double(t.tv_nsec) * 1e-9;
-}
-
-// The cost per item of each size beside that of the smallest size (1k), which runs first: vs_1k. A flat line
-// is the aim.
-double versusSmallest(double& smallest, int64_t size, double perItem) {
-  if (size == 1000) smallest = perItem;
-  return smallest > 0 ? perItem / smallest : 0;
+void BM_KnownFlowDrops(benchmark::State& state) {
+  auto const frames = framesOf(0, uint32_t(state.range(0)));
+  Rig rig;
+  rig.drop(frames, 0, frames.size());
+  uint64_t const before = rig.processed();
+  size_t at = 0;
+  BenchSweep::CpuTimer cpu;
+  for (auto _ : state) {
+    rig.drop(frames, at, kBatch);
+    at = (at + kBatch) % (frames.size() - kBatch);
+  }
+  BenchSweep::costReport(state, "known-flow drops", cpu.seconds(), double(state.iterations() * kBatch),
+                         "known-flow baseline");
+  if (rig.flows() != frames.size() || rig.processed() - before != uint64_t(state.iterations()) * kBatch)
+    state.SkipWithError("frames were rejected or flows appeared");
+  state.SetItemsProcessed(int64_t(state.iterations() * kBatch));
 }
 
 // Bursts of n new flows, one drop each, into a fresh dispatcher whose tables start at their initial size and
 // grow with the burst, as in a storm.
 void BM_NewFlows(benchmark::State& state) {
-  static double smallest = 0;
   uint32_t const n = uint32_t(state.range(0));
   auto const frames = framesOf(0, n);
   Rig rig;
-  double seconds = 0;
+  BenchSweep::CpuTimer cpu;
   for (auto _ : state) {
-    double const start = cpuSeconds();
     rig.drop(frames, 0, frames.size());
-    double const took = cpuSeconds() - start;
-    state.SetIterationTime(took);
-    seconds += took;
+    cpu.pause();
     if (rig.flows() != n) state.SkipWithError("not every frame became a flow");
     rig.start();
+    cpu.resume();
   }
-  double const perFlow = seconds / double(state.iterations()) / n;
-  state.counters["ns_per_flow"] = perFlow * 1e9;
-  state.counters["vs_1k"] = versusSmallest(smallest, n, perFlow);
+  BenchSweep::costReport(state, "new flows", cpu.seconds(), double(state.iterations() * n),
+                         "new-flow baseline");
   state.SetItemsProcessed(int64_t(state.iterations() * n));
 }
 
 void BM_NewFlowBaseline(benchmark::State& state) {
-  static double smallest = 0;
   uint32_t const n = uint32_t(state.range(0));
   auto const frames = framesOf(0, n);
-  double seconds = 0;
+  BenchSweep::CpuTimer cpu;
   for (auto _ : state) {
-    double const start = cpuSeconds();
     std::unordered_map<Tuple, uint32_t, TupleHash> flows;
     for (auto const& f : frames) {
       Ptr<Pkt> pkt = PktManager::global().newPkt();
       pkt->assign(f.data(), f.size());
       flows.emplace(tupleAt(pkt->data()), 1);
     }
-    double const took = cpuSeconds() - start;
-    state.SetIterationTime(took);
-    seconds += took;
     benchmark::DoNotOptimize(flows);
   }
-  double const perFlow = seconds / double(state.iterations()) / n;
-  state.counters["ns_per_flow"] = perFlow * 1e9;
-  state.counters["vs_1k"] = versusSmallest(smallest, n, perFlow);
+  BenchSweep::costReport(state, "new-flow baseline", cpu.seconds(), double(state.iterations() * n));
   state.SetItemsProcessed(int64_t(state.iterations() * n));
 }
 
@@ -253,18 +234,10 @@ void BM_SharedMemoryPerFlow(benchmark::State& state) {
   state.counters["bytes_per_flow"] = double(rig.sharedBytes()) / n;
 }
 
-BENCHMARK(BM_KnownFlowDrops);
-BENCHMARK(BM_KnownFlowBaseline);
-BENCHMARK(BM_NewFlows)
-    ->RangeMultiplier(10)
-    ->Range(1000, 1000000)
-    ->UseManualTime()
-    ->Unit(benchmark::kMillisecond);
-BENCHMARK(BM_NewFlowBaseline)
-    ->RangeMultiplier(10)
-    ->Range(1000, 1000000)
-    ->UseManualTime()
-    ->Unit(benchmark::kMillisecond);
+BENCHMARK(BM_KnownFlowBaseline)->Apply(BenchSweep::sizes);
+BENCHMARK(BM_KnownFlowDrops)->Apply(BenchSweep::sizes);
+BENCHMARK(BM_NewFlowBaseline)->Apply(BenchSweep::sizes)->Unit(benchmark::kMillisecond);
+BENCHMARK(BM_NewFlows)->Apply(BenchSweep::sizes)->Unit(benchmark::kMillisecond);
 BENCHMARK(BM_SharedMemoryPerFlow)->Arg(100000)->Arg(1000000)->Iterations(1)->Unit(benchmark::kMillisecond);
 
 }  // namespace

@@ -41,11 +41,10 @@ bool Key::operator<(Key const& o) const {
 }
 
 uint32_t Key::hash(uint32_t seed) const {
-  // The flow key's inputs in the same order, then the interface's hash.
-  Calyx::IncrementalHash h(seed);
-  flow_.hashFeed(h);
-  h.add32(intfId_.hash());
-  return h.value();
+  // Every drop of a known flow looks its key up: the flow's and the interface's words are mixed by a few wide
+  // multiplications side by side rather than fed one byte stream, whose chain was longer than the look-up.
+  uint64_t const h = Calyx::wideMix(flow_.wideHash(seed), intfId_.wideHash(seed));
+  return static_cast<uint32_t>(h ^ h >> 32);
 }
 
 std::string Key::valueToStrep() const {

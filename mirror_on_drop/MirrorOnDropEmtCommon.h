@@ -17,8 +17,8 @@ namespace MirrorOnDrop::Emt {
 
 using Calyx::IntfId;
 
-// A flow key with the interface appended: laid out, compared and hashed as the flow key first, then the
-// interface.
+// A flow key with the interface appended: laid out and compared as the flow key first, then the interface;
+// hashed from the words of both (hash(), stable across processes and runs as the tables need).
 class Key {
  public:
   Key() = default;
@@ -29,6 +29,7 @@ class Key {
   explicit Key(std::string_view text);
 
   FlowKey const& flowKey() const { return flow_; }
+  FlowKey& flowKey() { return flow_; }  // to fill in place
   uint8_t ipProto() const { return flow_.ipProto(); }
   IpGenAddr const& srcIp() const { return flow_.srcIp(); }
   IpGenAddr const& dstIp() const { return flow_.dstIp(); }

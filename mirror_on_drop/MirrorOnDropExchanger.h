@@ -84,6 +84,10 @@ class Exchanger : public Calyx::Object, public Calyx::Notifier<Exchanger> {
   void emtKeyIs(Emt::Key const& k) { emtKey_ = k; }
   Report::Report const& report() const { return report_; }
   void reportIs(Report::Report const& r) { report_ = r; }
+  // The two slots themselves, for the writer that fills them once per frame (the parser): built where they
+  // stay, the key and the report are not copied in.
+  Emt::Key& emtKeySlot() { return emtKey_; }
+  Report::Report& reportSlot() { return report_; }
   Report::Key const& reportKey() const { return reportKey_; }
   void reportKeyIs(Report::Key const& k) { reportKey_ = k; }
 

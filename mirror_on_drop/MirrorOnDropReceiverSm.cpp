@@ -34,11 +34,22 @@ bool isTcpOrUdp(uint8_t proto) {
   return proto == Calyx::kIpProtoTcp || proto == Calyx::kIpProtoUdp;
 }
 
-// What the IP layer yields for the flow key.
+// What the IP layer yields for the flow key: the protocol and where the two addresses lie in the frame (IPv4:
+// 4 bytes each, IPv6: 16), read from there straight into the key's slot.
 struct IpPart {
   uint8_t proto = 0;
-  Calyx::IpGenAddr src;
-  Calyx::IpGenAddr dst;
+  bool v6 = false;
+  uint8_t const* addresses = nullptr;  // source, then destination
+
+  Calyx::IpGenAddr src() const {
+    return v6 ? Calyx::IpGenAddr(Calyx::Ip6Addr::fromBytes(addresses)) : ip4(0);
+  }
+  Calyx::IpGenAddr dst() const {
+    return v6 ? Calyx::IpGenAddr(Calyx::Ip6Addr::fromBytes(addresses + 16)) : ip4(4);
+  }
+
+ private:
+  Calyx::IpGenAddr ip4(size_t at) const { return Calyx::Ip4Addr::fromBytes(addresses + at); }
 };
 
 // Each check below either accepts and consumes its header, or writes its rejection line and returns false.
@@ -60,7 +71,7 @@ bool hasValidIp6Header(Pkt& pkt, IpPart& ip) {
         "Dropping IPv6 packet: not a TCP/UDP next header's protocol = " << unsigned(h.nextHeader()) << ".");
     return false;
   }
-  ip = {h.nextHeader(), h.src(), h.dst()};
+  ip = {h.nextHeader(), true, pkt.data() + 8};
   pkt.headDel(kIp6Header);
   return true;
 }
@@ -98,21 +109,47 @@ bool hasValidIp4Header(Pkt& pkt, IpPart& ip) {
     MOD_TRACE(trace(), 3, "Dropping IPv4 packet: not a TCP/UDP protocol = " << unsigned(h.protocol()) << ".");
     return false;
   }
-  ip = {h.protocol(), h.src(), h.dst()};
+  ip = {h.protocol(), false, pkt.data() + 12};
   pkt.headDel(headerLength);
   return true;
 }
 
+// Fills the Exchanger's key slot where it is, field by field: a key built elsewhere and copied in would be
+// read back while its bytes are still being written, which costs more than the parse.
+void emtKeyPlace(Emt::Key& slot, IpPart const& ip, uint16_t srcPort, uint16_t dstPort, IntfId const& intf) {
+  FlowKey& flow = slot.flowKey();
+  flow.ipProtoIs(ip.proto);
+  flow.srcPortIs(srcPort);
+  flow.dstPortIs(dstPort);
+  if (ip.v6) {
+    flow.srcIp().v6Is(ip.addresses);
+    flow.dstIp().v6Is(ip.addresses + 16);
+  } else {
+    flow.srcIp().v4Is(ip.addresses);
+    flow.dstIp().v4Is(ip.addresses + 4);
+  }
+  slot.intfIdIs(intf);
+}
+
 // The drop report: the header's timestamp, no reason, and the first bytes of the dropped frame as rebuilt by
-// joining the mirrored frame's MAC addresses with everything from the dropped frame's own EtherType on.
-Report::Report reportOf(uint8_t const* frame, size_t length, Header const& header) {
-  Report::Report report(header.timestamp(), Drop::Reason(), 0);
-  uint8_t sample[Report::Report::kPayloadSize];
-  size_t const rest = std::min(length - kMirroredMinSize + 2, Report::Report::kPayloadSize - kMacsSize);
+// joining the mirrored frame's MAC addresses with everything from the dropped frame's own EtherType on, the
+// rest of the sample zero. Every byte of the slot is written, so nothing is cleared first; a frame long
+// enough to fill the sample (the usual case) is copied in fixed-size pieces.
+void reportPlace(Report::Report& slot, uint8_t const* frame, size_t length, Header const& header) {
+  constexpr size_t kRestMax = Report::Report::kPayloadSize - kMacsSize;
+  uint8_t const* const rest = frame + kEthHeaderSize + Header::kSize - 2;
+  size_t const restSize = std::min(length - kMirroredMinSize + 2, kRestMax);
+  slot.timestampIs(header.timestamp());
+  slot.reasonIs(Drop::Reason());
+  uint8_t* const sample = slot.payload();
   std::memcpy(sample, frame, kMacsSize);
-  std::memcpy(sample + kMacsSize, frame + kEthHeaderSize + Header::kSize - 2, rest);
-  report.payloadIs(sample, kMacsSize + rest);
-  return report;
+  if (restSize == kRestMax) {
+    std::memcpy(sample + kMacsSize, rest, kRestMax);
+  } else {
+    std::memcpy(sample + kMacsSize, rest, restSize);
+    std::memset(sample + kMacsSize + restSize, 0, kRestMax - restSize);
+  }
+  slot.dataSizeIs(static_cast<uint8_t>(kMacsSize + restSize));
 }
 
 }  // namespace
@@ -148,7 +185,8 @@ class ReceiverSm::PamReactor : public Calyx::Pam::Reactor {
  public:
   PamReactor(ReceiverSm& sm, IntfId const& intfId, Ptr<Calyx::Pam const> pam)
       : Reactor(std::move(pam)), sm_(sm), intfId_(intfId) {}
-  void handleReadable() override { sm_.handlePamReadable(intfId_); }
+  // The reactor itself stands for its module (a reactor removed meanwhile is never called): no look-up.
+  void handleReadable() override { sm_.pamRead(intfId_, Ptr<Calyx::Pam const>(notifier())); }
 
  private:
   ReceiverSm& sm_;
@@ -232,14 +270,20 @@ void ReceiverSm::pamDelAll() {
 }
 
 void ReceiverSm::handlePamReadable(IntfId const& intfId) {
+  auto it = pam_.find(intfId);
+  if (it == pam_.end()) {
+    MOD_TRACE(trace(), 8, "ReceiverSm::handlePamReadable(" << intfId.shortName() << ")");
+    return;
+  }
+  pamRead(intfId, Ptr<Calyx::Pam const>(it->second->notifier()));
+}
+
+void ReceiverSm::pamRead(IntfId const& intfId, Ptr<Calyx::Pam const> const& pam) {
   MOD_TRACE(trace(), 8, "ReceiverSm::handlePamReadable(" << intfId.shortName() << ")");
   Detail::TraceManager::Scope scope;
   // A reactor of the dispatcher may drop this receiver, or the module, while a frame is handled: keep both
   // alive until the pass ends, and stop reading once the module is no longer ours.
   Ptr<ReceiverSm> const self(this);
-  auto it = pam_.find(intfId);
-  if (it == pam_.end()) return;
-  Ptr<Calyx::Pam const> const pam(it->second->notifier());
   MOD_TRACE(trace(), 4, "Retrieving " << pam->curRxPkts() << " packet(s).");
   uint64_t generation = pamGeneration_;
   while (true) {
@@ -318,13 +362,13 @@ void ReceiverSm::processPacket(IntfId const& intf, Ptr<Pkt> const& pkt) {
     MOD_TRACE(trace(), 5,
               "sMac = " << Calyx::EthAddr::fromBytes(frame + 6).stringValue()
                         << ", dMac = " << Calyx::EthAddr::fromBytes(frame).stringValue() << ",");
-    MOD_TRACE(trace(), 5, "sIp = " << ip.src << ", dIp = " << ip.dst << ",");
+    MOD_TRACE(trace(), 5, "sIp = " << ip.src() << ", dIp = " << ip.dst() << ",");
     MOD_TRACE(
         trace(), 5,
         "ipProto = " << ipProtoName(ip.proto) << ", sPort = " << srcPort << ", dPort = " << dstPort << ".");
   }
-  exchanger_->emtKeyIs(Emt::Key(FlowKey(ip.proto, ip.src, ip.dst, srcPort, dstPort), intf));
-  exchanger_->reportIs(reportOf(frame, length, header));
+  emtKeyPlace(exchanger_->emtKeySlot(), ip, srcPort, dstPort, intf);
+  reportPlace(exchanger_->reportSlot(), frame, length, header);
   exchanger_->counterProcessedPacketInc(1);
 }
 

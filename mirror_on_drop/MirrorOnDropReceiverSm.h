@@ -61,6 +61,8 @@ class ReceiverSm : public Calyx::Object {
 
  private:
   class FcsdReactor;
+  // Reads every queued frame of pam, intfId's module (handlePamReadable without the look-up).
+  void pamRead(Calyx::IntfId const& intfId, Calyx::Ptr<Calyx::Pam const> const& pam);
   class PamCollectionReactor;
   class PamReactor;
 

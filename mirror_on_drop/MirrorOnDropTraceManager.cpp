@@ -8,10 +8,7 @@ namespace {
 constexpr char kBlanks[TraceManager::kMaxIndent + 1] = "                ";
 }
 
-TraceManager& TraceManager::instance() {
-  static TraceManager manager;
-  return manager;
-}
+constinit TraceManager TraceManager::instance_;
 
 std::string_view TraceManager::indent() const {
   int const n = std::clamp(depth_, 0, kMaxIndent);

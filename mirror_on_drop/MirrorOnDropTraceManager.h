@@ -17,7 +17,8 @@ class TraceManager {
  public:
   static constexpr int kMaxIndent = 16;
 
-  static TraceManager& instance();
+  // Inline: every traced handler raises and lowers the depth, whether or not a line is written.
+  static TraceManager& instance() { return instance_; }
 
   int depth() const { return depth_; }
   // The indentation for the current depth: none for a negative depth.
@@ -35,6 +36,8 @@ class TraceManager {
   };
 
  private:
+  static TraceManager instance_;
+
   int depth_ = 0;
   bool lineStart_ = true;
 };

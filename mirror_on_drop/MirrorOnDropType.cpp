@@ -27,12 +27,6 @@ std::ostream& operator<<(std::ostream& os, ReportType type) {
   return os << stringValue(type);
 }
 
-Report::Report(Drop::Timestamp timestamp, Drop::Reason const& reason, uint8_t dataSize) {
-  timestampIs(timestamp);
-  reasonIs(reason);
-  dataSizeIs(dataSize);
-}
-
 Report::Report(std::string_view text) {
   ValueTextReader r(text, "MirrorOnDrop::Report::Report", "timestamp");
   timestampIs(Drop::Timestamp(r.number<uint64_t>("timestamp")));
@@ -46,36 +40,6 @@ Report::Report(std::string_view text) {
   if (size > kPayloadSize) ValueTextReader::fail("dataSize");
   dataSizeIs(size);
   r.end("dataSize");
-}
-
-Drop::Timestamp Report::timestamp() const {
-  return Drop::Timestamp(Calyx::loadBe64(bytes_ + kTimestampOffset));
-}
-
-void Report::timestampIs(Drop::Timestamp t) {
-  Calyx::storeBe(bytes_ + kTimestampOffset, t.value(), 8);
-}
-
-// Drop::Reason already holds its words in network order: its bytes are the wire bytes.
-Drop::Reason Report::reason() const {
-  Drop::Reason r;
-  std::memcpy(&r, bytes_ + kReasonOffset, sizeof r);
-  return r;
-}
-
-void Report::reasonIs(Drop::Reason const& r) {
-  std::memcpy(bytes_ + kReasonOffset, &r, sizeof r);
-}
-
-void Report::dataSizeIs(uint8_t n) {
-  bytes_[kDataSizeOffset] = static_cast<uint8_t>(std::min<size_t>(n, kPayloadSize));
-}
-
-void Report::payloadIs(uint8_t const* data, size_t n) {
-  n = std::min(n, kPayloadSize);
-  std::memset(payload(), 0, kPayloadSize);
-  if (n) std::memcpy(payload(), data, n);
-  bytes_[kDataSizeOffset] = static_cast<uint8_t>(n);
 }
 
 bool Report::operator==(Report const& o) const {

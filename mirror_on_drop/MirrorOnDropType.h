@@ -9,6 +9,7 @@
 //   offset 25 80 bytes  sample: the first bytes of the dropped frame, zero beyond dataSize
 
 #include <cstdint>
+#include <cstring>
 #include <iosfwd>
 #include <string>
 #include <string_view>
@@ -16,6 +17,7 @@
 #include "mirror_on_drop/MirrorOnDropTypeCommon.h"
 #include "platform/core/Ptr.h"
 #include "platform/io/UdpPam.h"
+#include "platform/types/ByteOrder.h"
 #include "platform/types/DscpValue.h"
 #include "platform/types/Pkt.h"
 
@@ -38,21 +40,36 @@ class Report {
   static constexpr size_t kSize = kPayloadOffset + kPayloadSize;
 
   Report() = default;
-  Report(Drop::Timestamp timestamp, Drop::Reason const& reason, uint8_t dataSize);
+  // The sample all zero. Inline, with the setters below: the parser makes one report per frame.
+  Report(Drop::Timestamp timestamp, Drop::Reason const& reason, uint8_t dataSize) {
+    timestampIs(timestamp);
+    reasonIs(reason);
+    dataSizeIs(dataSize);
+  }
   // From the text form; the sample is all zero (it is neither printed nor parsed).
   explicit Report(std::string_view text);
 
-  Drop::Timestamp timestamp() const;  // host order
-  void timestampIs(Drop::Timestamp t);
-  Drop::Reason reason() const;
-  void reasonIs(Drop::Reason const& r);
+  Drop::Timestamp timestamp() const { return Drop::Timestamp(Calyx::loadBe64(bytes_ + kTimestampOffset)); }
+  void timestampIs(Drop::Timestamp t) { Calyx::storeBe64(bytes_ + kTimestampOffset, t.value()); }
+  // Drop::Reason already holds its words in network order: its bytes are the wire bytes.
+  Drop::Reason reason() const {
+    Drop::Reason r;
+    std::memcpy(&r, bytes_ + kReasonOffset, sizeof r);
+    return r;
+  }
+  void reasonIs(Drop::Reason const& r) { std::memcpy(bytes_ + kReasonOffset, &r, sizeof r); }
   uint8_t dataSize() const { return bytes_[kDataSizeOffset]; }
   // A size beyond the sample area is cut to it.
-  void dataSizeIs(uint8_t n);
+  void dataSizeIs(uint8_t n) { bytes_[kDataSizeOffset] = n < kPayloadSize ? n : uint8_t(kPayloadSize); }
   uint8_t const* payload() const { return bytes_ + kPayloadOffset; }
   uint8_t* payload() { return bytes_ + kPayloadOffset; }
   // Clears the sample, then copies n bytes (at most the sample size) and sets dataSize.
-  void payloadIs(uint8_t const* data, size_t n);
+  void payloadIs(uint8_t const* data, size_t n) {
+    n = n < kPayloadSize ? n : kPayloadSize;
+    std::memset(payload(), 0, kPayloadSize);
+    if (n) std::memcpy(payload(), data, n);
+    bytes_[kDataSizeOffset] = static_cast<uint8_t>(n);
+  }
 
   // The 105 bytes as they go into a report packet.
   uint8_t const* bytes() const { return bytes_; }

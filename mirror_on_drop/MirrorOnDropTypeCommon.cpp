@@ -121,10 +121,6 @@ std::string Reason::valueToStrep() const {
 
 // --- Header ---
 
-Header::Header(uint8_t const* bytes) {
-  std::memcpy(bytes_, bytes, kSize);
-}
-
 Header::Header(Drop::PacketSize packetSize, Drop::Timestamp timestamp, uint16_t typeOrLen) {
   Calyx::storeLe(bytes_, packetSize.value(), 2);
   Calyx::storeLe(bytes_ + 2, timestamp.value(), 8);
@@ -138,16 +134,6 @@ Header::Header(std::string_view text) {
   auto const type = r.number<uint16_t>("typeOrLen");
   r.end("typeOrLen");
   *this = Header(Drop::PacketSize(size), Drop::Timestamp(time), type);
-}
-
-Drop::PacketSize Header::packetSize() const {
-  return Drop::PacketSize(static_cast<uint16_t>(Calyx::loadLe(bytes_, 2)));
-}
-Drop::Timestamp Header::timestamp() const {
-  return Drop::Timestamp(Calyx::loadLe(bytes_ + 2, 8));
-}
-uint16_t Header::typeOrLen() const {
-  return Calyx::loadBe16(bytes_ + 10);
 }
 
 std::string Header::valueToStrep() const {
@@ -186,33 +172,9 @@ void FlowKey::fieldsWrite(ValueTextWriter& w) const {
       .field("dstPort", dstPort_);
 }
 
-bool FlowKey::operator==(FlowKey const& o) const {
-  return ipProto_ == o.ipProto_ && srcIp_ == o.srcIp_ && dstIp_ == o.dstIp_ && srcPort_ == o.srcPort_ &&
-         dstPort_ == o.dstPort_;
-}
-
 bool FlowKey::operator<(FlowKey const& o) const {
   return std::tie(ipProto_, srcIp_, dstIp_, srcPort_, dstPort_) <
          std::tie(o.ipProto_, o.srcIp_, o.dstIp_, o.srcPort_, o.dstPort_);
-}
-
-uint32_t FlowKey::hash(uint32_t seed) const {
-  Calyx::IncrementalHash h(seed);
-  hashFeed(h);
-  return h.value();
-}
-
-void FlowKey::hashFeed(Calyx::IncrementalHash& h) const {
-  // The same bytes as feeding each field in turn (the hash does not depend on how its input is split), in one
-  // call so that they are mixed a block at a time.
-  uint32_t const src = srcIp_.hash(), dst = dstIp_.hash();
-  uint8_t bytes[13];
-  bytes[0] = ipProto_;
-  std::memcpy(bytes + 1, &src, 4);
-  std::memcpy(bytes + 5, &dst, 4);
-  std::memcpy(bytes + 9, &srcPort_, 2);
-  std::memcpy(bytes + 11, &dstPort_, 2);
-  h.add(bytes, sizeof bytes);
 }
 
 std::string FlowKey::strep(std::string_view typeName) const {

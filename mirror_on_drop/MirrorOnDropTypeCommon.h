@@ -7,12 +7,14 @@
 // reason is kept in network order in memory and converted only by its accessors.
 
 #include <cstdint>
+#include <cstring>
 #include <iosfwd>
 #include <string>
 #include <string_view>
 
 #include "platform/core/Clock.h"
 #include "platform/table/SharedTableOptions.h"
+#include "platform/types/ByteOrder.h"
 #include "platform/types/Hash.h"
 #include "platform/types/IpGenAddr.h"
 
@@ -129,13 +131,14 @@ class Header {
 
   Header() = default;
   // Copies the 12 header bytes from a mirrored frame.
-  explicit Header(uint8_t const* bytes);
+  explicit Header(uint8_t const* bytes) { std::memcpy(bytes_, bytes, kSize); }
   Header(Drop::PacketSize packetSize, Drop::Timestamp timestamp, uint16_t typeOrLen);
   explicit Header(std::string_view text);
 
-  Drop::PacketSize packetSize() const;
-  Drop::Timestamp timestamp() const;
-  uint16_t typeOrLen() const;  // host order
+  // Inline: the parser reads them from every frame.
+  Drop::PacketSize packetSize() const { return Drop::PacketSize(Calyx::loadLe16(bytes_)); }
+  Drop::Timestamp timestamp() const { return Drop::Timestamp(Calyx::loadLe64(bytes_ + 2)); }
+  uint16_t typeOrLen() const { return Calyx::loadBe16(bytes_ + 10); }  // host order
   uint8_t const* bytes() const { return bytes_; }
 
   std::string valueToStrep() const;
@@ -157,6 +160,9 @@ class FlowKey {
   uint8_t ipProto() const { return ipProto_; }
   IpGenAddr const& srcIp() const { return srcIp_; }
   IpGenAddr const& dstIp() const { return dstIp_; }
+  // The addresses themselves, to be filled in place (IpGenAddr::v4Is, v6Is).
+  IpGenAddr& srcIp() { return srcIp_; }
+  IpGenAddr& dstIp() { return dstIp_; }
   uint16_t srcPort() const { return srcPort_; }
   uint16_t dstPort() const { return dstPort_; }
   void ipProtoIs(uint8_t v) { ipProto_ = v; }
@@ -165,12 +171,41 @@ class FlowKey {
   void srcPortIs(uint16_t v) { srcPort_ = v; }
   void dstPortIs(uint16_t v) { dstPort_ = v; }
 
-  bool operator==(FlowKey const& o) const;
+  bool operator==(FlowKey const& o) const {
+    return ipProto_ == o.ipProto_ && srcPort_ == o.srcPort_ && dstPort_ == o.dstPort_ && srcIp_ == o.srcIp_ &&
+           dstIp_ == o.dstIp_;
+  }
   bool operator<(FlowKey const& o) const;
   // Fed, in order: the protocol byte, the 4-byte hashes of the source and destination addresses, both ports.
-  uint32_t hash(uint32_t seed = 0) const;
-  // Feeds those inputs to h, for keys that hash a flow key and more.
-  void hashFeed(Calyx::IncrementalHash& h) const;
+  uint32_t hash(uint32_t seed = 0) const {
+    Calyx::IncrementalHash h(seed);
+    hashFeed(h);
+    return h.value();
+  }
+  // Feeds those inputs to h, for keys that hash a flow key and more. Inline, like the address hashes, and fed
+  // as 32-bit blocks composed from the fields (the 13 bytes: protocol, the two address hashes and the two
+  // ports, each number in host memory order), so that a key's hash is straight-line code: every drop looks
+  // its flow up.
+  [[gnu::always_inline]] void hashFeed(Calyx::IncrementalHash& h) const {
+    using H = Calyx::IncrementalHash;
+    uint32_t const src = H::hostBytesLe32(srcIp_.hash()), dst = H::hostBytesLe32(dstIp_.hash());
+    uint32_t const ports = uint32_t(H::hostBytesLe16(srcPort_)) | uint32_t(H::hostBytesLe16(dstPort_)) << 16;
+    h.addLe32(ipProto_ | src << 8);
+    h.addLe32(src >> 24 | dst << 8);
+    h.addLe32(dst >> 24 | ports << 8);
+    h.add8(static_cast<uint8_t>(ports >> 24));
+  }
+
+  // A 64-bit hash of the five fields as words (see Calyx::wideMix), for keys whose hash is free to differ
+  // from hash(): the same key gives the same value in every process and run. Its chain is two multiplications
+  // long.
+  uint64_t wideHash(uint64_t seed) const {
+    uint64_t const head = uint64_t(ipProto_) | uint64_t(srcPort_) << 8 | uint64_t(dstPort_) << 24 |
+                          uint64_t(srcIp_.af()) << 40 | uint64_t(dstIp_.af()) << 48;
+    return Calyx::wideMix(
+        Calyx::wideMix(head ^ seed, srcIp_.word(0)) ^ Calyx::wideMix(srcIp_.word(1), dstIp_.word(0)),
+        dstIp_.word(1) ^ seed);
+  }
 
   std::string valueToStrep() const { return strep("MirrorOnDrop::FlowKey"); }
 

@@ -110,6 +110,7 @@ void EventLoop::readSignals() {
 
 void EventLoop::timerWheelDel(TimerWheel* wheel) {
   std::erase(wheels_, wheel);
+  ++wheelsGeneration_;
 }
 
 double EventLoop::nextTimerDue() const {
@@ -119,11 +120,27 @@ double EventLoop::nextTimerDue() const {
 }
 
 bool EventLoop::fireTimers() {
+  // A handler may make or drop a wheel: walk the wheels there were at the start, and skip those dropped
+  // meanwhile (looked for only once the list changed). A wheel with nothing due is not called at all.
+  constexpr size_t kInline = 8;
+  TimerWheel* inlineCopy[kInline];
+  std::vector<TimerWheel*> heapCopy;
+  size_t const count = wheels_.size();
+  TimerWheel** wheels = inlineCopy;
+  if (count > kInline) {
+    heapCopy = wheels_;
+    wheels = heapCopy.data();
+  } else {
+    std::copy(wheels_.begin(), wheels_.end(), inlineCopy);
+  }
+  uint64_t const generation = wheelsGeneration_;
   size_t fired = 0;
-  // A handler may make or drop a wheel: walk a copy, and skip wheels dropped meanwhile.
-  std::vector<TimerWheel*> wheels = wheels_;
-  for (TimerWheel* w : wheels) {
-    if (std::find(wheels_.begin(), wheels_.end(), w) != wheels_.end()) fired += w->fireDue();
+  for (size_t i = 0; i < count; ++i) {
+    TimerWheel* const w = wheels[i];
+    if (generation != wheelsGeneration_ && std::find(wheels_.begin(), wheels_.end(), w) == wheels_.end())
+      continue;
+    if (w->isIdleAt(now())) continue;
+    fired += w->fireDue();
   }
   return fired > 0;
 }
@@ -170,6 +187,10 @@ bool EventLoop::pollFds(int timeoutMs) {
 }
 
 bool EventLoop::runOnce(double maxWait) {
+  return turn(maxWait, true);
+}
+
+bool EventLoop::turn(double maxWait, bool idlePoll) {
   bool ran = false;
   if (!doomed_.empty()) {
     auto doomed = std::move(doomed_);
@@ -178,19 +199,26 @@ bool EventLoop::runOnce(double maxWait) {
     ran = true;
   }
   ran |= fireTimers();
-  ran |= scheduler_->runReady() > 0;
+  if (scheduler_->hasReady()) ran |= scheduler_->runReady() > 0;
 
   int timeoutMs = 0;
   if (!simulated_ && !scheduler_->hasReady() && doomed_.empty()) {
     armTimerFd(nextTimerDue());
     timeoutMs = maxWait == kNever ? -1 : static_cast<int>(std::ceil(std::max(maxWait, 0.0) * 1000.0));
   }
-  // Simulated time races ahead of real time: while it keeps finding work, the real descriptors (signals,
-  // sockets) are looked at once per millisecond of real time rather than once per turn. A turn that found
-  // nothing to do always looks, so runUntilIdle still ends only when no descriptor is readable.
-  double const realNow = pollClock_.now();
-  if (simulated_ && ran && realNow - lastPollAt_ < kSimulatedPollInterval) return ran;
-  lastPollAt_ = realNow;
+  // Simulated time races ahead of real time: while it keeps finding work, and while runFor steps it, the real
+  // descriptors (signals, sockets) are looked at once per millisecond of real time rather than once per turn,
+  // and the real clock itself only every few turns. An idle turn of runUntilIdle always looks, so that it
+  // ends only when no descriptor is readable.
+  if (simulated_) {
+    if (ran || !idlePoll) {
+      if (++turnsSinceClockRead_ < kTurnsPerClockRead) return ran;
+      turnsSinceClockRead_ = 0;
+      if (pollClock_.now() - lastPollAt_ < kSimulatedPollInterval) return ran;
+    }
+    lastPollAt_ = pollClock_.now();
+    turnsSinceClockRead_ = 0;
+  }
   ran |= pollFds(timeoutMs);
   return ran;
 }
@@ -218,16 +246,27 @@ void EventLoop::runFor(double seconds) {
     return;
   }
   runUntilIdle();
-  for (;;) {
-    double const due = nextTimerDue();
-    if (due > end) break;
+  for (double due = nextTimerDue(); due <= end;) {
     simulated_->nowIs(due);
-    runUntilIdle();
+    double const next = step();
     // A due time that does not move forward would spin; a wheel always fires or re-files what is due.
-    if (nextTimerDue() <= due && due <= now()) simulated_->nowIs(std::nextafter(now(), kNever));
+    if (next <= due && due <= now()) simulated_->nowIs(std::nextafter(now(), kNever));
+    due = next;
   }
   simulated_->nowIs(end);
   runUntilIdle();
+}
+
+double EventLoop::step() {
+  // Turns until one finds nothing to do, or until nothing is left that a further turn could run now (no
+  // object to free, no ready task, no timer due): the turn that would only find that out is saved. The
+  // descriptors are looked at by the polling interval only; the runUntilIdle at the end of runFor looks in
+  // full.
+  for (;;) {
+    bool const ran = turn(0.0, false);
+    double const next = nextTimerDue();
+    if (!ran || (doomed_.empty() && !scheduler_->hasReady() && next > now())) return next;
+  }
 }
 
 }  // namespace Calyx

@@ -5,8 +5,9 @@
 //
 // epoll_wait is the only place the loop sleeps: timers wake it through a timerfd armed at the earliest due
 // time, signals through a signalfd. On a simulated clock the loop never sleeps: runFor(seconds) moves the
-// clock from one due timer to the next, running every task and polling every watched descriptor (without
-// waiting) at each step.
+// clock from one due timer to the next, running every task at each step; it polls the watched descriptors
+// (without waiting) at most once per millisecond of real time while it steps, and runUntilIdle() (also at
+// the end of runFor) polls them until none is readable.
 //
 // The first loop made in a process is the activity manager (current()): the clock the feature's timer wheel
 // runs on.
@@ -54,7 +55,8 @@ class EventLoop : public Object, public Notifier<EventLoop> {
   static EventLoop* current();
 
   Clock& clock() const { return *clock_; }
-  double now() const { return clock_->now(); }
+  // The simulated clock directly, without a virtual call: a simulated step asks for the time many times.
+  double now() const { return simulated_ ? simulated_->now() : clock_->now(); }
   bool isSimulated() const { return simulated_ != nullptr; }
   TaskScheduler& scheduler() const { return *scheduler_; }
 
@@ -77,7 +79,10 @@ class EventLoop : public Object, public Notifier<EventLoop> {
   // Runs until no task is ready, no timer is due and no descriptor is readable, without moving the clock.
   void runUntilIdle();
 
-  void timerWheelAdd(TimerWheel* wheel) { wheels_.push_back(wheel); }
+  void timerWheelAdd(TimerWheel* wheel) {
+    wheels_.push_back(wheel);
+    ++wheelsGeneration_;
+  }
   void timerWheelDel(TimerWheel* wheel);
   double nextTimerDue() const;
 
@@ -86,6 +91,12 @@ class EventLoop : public Object, public Notifier<EventLoop> {
   ~EventLoop() override;
 
  private:
+  // One turn, as runOnce; an idle turn polls the descriptors only when idlePoll is true or, on a simulated
+  // clock, once the polling interval has passed.
+  bool turn(double maxWait, bool idlePoll);
+  // Runs one step of simulated time (turns until nothing is left to run at this time) and returns the next
+  // due time.
+  double step();
   bool fireTimers();
   bool pollFds(int timeoutMs);
   void armTimerFd(double due);
@@ -96,6 +107,7 @@ class EventLoop : public Object, public Notifier<EventLoop> {
   SimulatedClock* simulated_;
   Ptr<TaskScheduler> scheduler_;
   std::vector<TimerWheel*> wheels_;
+  uint64_t wheelsGeneration_ = 0;  // moves whenever a wheel is added or dropped
   std::vector<Ptr<Object const>> doomed_;
   int epollFd_ = -1;
   int timerFd_ = -1;
@@ -106,8 +118,10 @@ class EventLoop : public Object, public Notifier<EventLoop> {
   std::unique_ptr<FdWatch> signalWatch_;
   bool stopped_ = false;
   static constexpr double kSimulatedPollInterval = 0.001;  // seconds of real time
+  static constexpr uint32_t kTurnsPerClockRead = 16;       // turns between looks at the real clock
   MonotonicClock pollClock_;
   double lastPollAt_ = 0.0;
+  uint32_t turnsSinceClockRead_ = 0;
 };
 
 }  // namespace Calyx

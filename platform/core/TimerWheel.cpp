@@ -56,7 +56,8 @@ TimerWheel::~TimerWheel() {
 }
 
 uint64_t TimerWheel::tickOf(double t) const {
-  double const tick = std::floor(t / granularitySeconds_);
+  // Truncating a positive number is flooring it, without a call to floor().
+  double const tick = t / granularitySeconds_;
   return tick <= 0 ? 0 : static_cast<uint64_t>(tick);
 }
 
@@ -74,6 +75,8 @@ void TimerWheel::file(Timer* t) {
   }
   t->filed_ = true;
   ++armed_;
+  dueFloor_ = std::min(dueFloor_, t->timeMin_);
+  nextDueKnown_ = false;
 }
 
 void TimerWheel::unfile(Timer* t) {
@@ -85,10 +88,11 @@ void TimerWheel::unfile(Timer* t) {
     size_t const slot = slotOf(t->tick_);
     occupied_[slot / 64] &= ~(uint64_t(1) << (slot % 64));
   }
-  // overflowMinTick_ stays a lower bound: refileOverflow() finds the true one.
+  // overflowMinTick_ stays a lower bound: refileOverflow() finds the true one; so does dueFloor_.
   t->prev_ = t->next_ = nullptr;
   t->filed_ = false;
   --armed_;
+  nextDueKnown_ = false;
 }
 
 bool TimerWheel::isDue(Timer const* t, double now) const {
@@ -113,26 +117,39 @@ std::optional<uint64_t> TimerWheel::occupiedAfter(uint64_t from, uint64_t limit)
   return std::nullopt;
 }
 
-double TimerWheel::nextDue() const {
+double TimerWheel::earliestTime() const {
   if (armed_ == 0) return kNever;
-  Timer const* head = nullptr;
-  uint64_t tick = overflowMinTick_;
+  // Timers in a later bucket have later times, and those beyond the ring are later than any in it: the
+  // earliest is in the first occupied bucket, or, with an empty ring, no earlier than the overflow's bucket
+  // ends or its own time.
   if (auto const distance = occupiedAfter(base_, ring_.size())) {
-    tick = base_ + *distance;
-    head = ring_[slotOf(tick)];
-  } else {
-    head = overflow_;
-  }
-  if (fireInBatches_ || head == overflow_) {
-    // Overflow timers are woken for at their bucket's end at the latest, and filed into the ring then.
-    double due = static_cast<double>(tick + 1) * granularitySeconds_;
-    if (!fireInBatches_) {
-      for (Timer const* t = overflow_; t; t = t->next_) due = std::min(due, t->timeMin_);
-    }
+    double due = kNever;
+    for (Timer const* t = ring_[slotOf(base_ + *distance)]; t; t = t->next_) due = std::min(due, t->timeMin_);
     return due;
   }
+  double due = static_cast<double>(overflowMinTick_ + 1) * granularitySeconds_;
+  for (Timer const* t = overflow_; t; t = t->next_) due = std::min(due, t->timeMin_);
+  return due;
+}
+
+double TimerWheel::nextDueFind() const {
   double due = kNever;
-  for (Timer const* t = head; t; t = t->next_) due = std::min(due, t->timeMin_);
+  if (armed_ == 0) {
+    due = kNever;
+  } else if (!fireInBatches_) {
+    due = earliestTime();
+  } else {
+    // Batches are due when their bucket has passed; overflow timers are woken for at their bucket's end at
+    // the latest, and filed into the ring then.
+    uint64_t tick = overflowMinTick_;
+    if (auto const distance = occupiedAfter(base_, ring_.size())) tick = base_ + *distance;
+    due = static_cast<double>(tick + 1) * granularitySeconds_;
+  }
+  nextDue_ = due;
+  nextDueKnown_ = true;
+  // A loop that wakes for this time must find the wheel looking, even when the time is only a wake-up to
+  // file overflow timers into the ring.
+  dueFloor_ = std::min(dueFloor_, due);
   return due;
 }
 
@@ -163,7 +180,11 @@ void TimerWheel::refileOverflow() {
 
 size_t TimerWheel::fireDue() {
   double const now = this->now();
+  // Nothing is due before the floor: the turn costs one comparison. Leaving base_ behind meanwhile only means
+  // a longer walk of the bitmap when something is due.
+  if (now < dueFloor_) return 0;
   uint64_t const nowTick = tickOf(now);
+  nextDueKnown_ = false;
   // The scratch vector keeps its capacity from turn to turn; a nested call (a handler running the loop)
   // simply finds it empty and allocates its own.
   std::vector<Ptr<Timer>> due;
@@ -184,9 +205,14 @@ size_t TimerWheel::fireDue() {
     collect(slotOf(base_), now, due);
   }
 
-  std::sort(due.begin(), due.end(), [](Ptr<Timer> const& a, Ptr<Timer> const& b) {
-    return a->timeMin_ != b->timeMin_ ? a->timeMin_ < b->timeMin_ : a->armSeq_ < b->armSeq_;
-  });
+  // What stays armed is what the floor must stay below; arming from the handlers lowers it again.
+  dueFloor_ = earliestTime();
+
+  if (due.size() > 1) {
+    std::sort(due.begin(), due.end(), [](Ptr<Timer> const& a, Ptr<Timer> const& b) {
+      return a->timeMin_ != b->timeMin_ ? a->timeMin_ < b->timeMin_ : a->armSeq_ < b->armSeq_;
+    });
+  }
   size_t fired = 0;
   for (Ptr<Timer>& t : due) {
     // An earlier handler may have re-armed this one (it is filed again) or cancelled it (it is idle).

@@ -19,6 +19,10 @@
 //   maxFirePerTurn  at most this many timers fire in one loop turn; the rest fire in the next turn, after
 //                   I/O, so a storm of timers cannot starve the sockets.
 // Due timers fire in order of their time, and in arming order for equal times.
+//
+// A loop turn asks every wheel, and a simulated loop steps its clock from one due time to the next, so both
+// questions are cheap when nothing changed: the wheel keeps a time before which none of its timers is due
+// (fireDue() returns at once until then) and remembers nextDue() until a timer is armed, cancelled or fired.
 
 #include <cstddef>
 #include <cstdint>
@@ -71,13 +75,17 @@ class TimerWheel : public Object {
              uint32_t maxFirePerTurn);
 
   Clock const& clock() const { return *clock_; }
-  double now() const { return clock_->now(); }
+  double now() const { return loop_->now(); }  // the loop's clock
   Ptr<Timer> timerNew() { return make<Timer>(Ptr<TimerWheel>(this)); }
 
-  // When the next timer may be due (kNever when none is armed). Never later than the true next time.
-  double nextDue() const;
+  // When the next timer may be due (kNever when none is armed). Never later than the true next time. Inline
+  // while it is remembered: a simulated loop asks every wheel at every step.
+  double nextDue() const { return nextDueKnown_ ? nextDue_ : nextDueFind(); }
   // Fires the timers that are due now, at most maxFirePerTurn of them; returns how many fired.
   size_t fireDue();
+  // True when no timer can be due at time t, so that fireDue() would return 0 at once: a loop turn asks
+  // before it calls.
+  bool isIdleAt(double t) const { return t < dueFloor_; }
   size_t armedCount() const { return armed_; }
 
  protected:
@@ -92,6 +100,9 @@ class TimerWheel : public Object {
   uint64_t tickOf(double t) const;
   size_t slotOf(uint64_t tick) const { return static_cast<size_t>(tick & (ring_.size() - 1)); }
   bool isDue(Timer const* t, double now) const;
+  // No armed timer's time is earlier than this; it is the earliest exactly when that timer is in the ring.
+  double earliestTime() const;
+  double nextDueFind() const;
   // The first occupied slot at or after tick `from`, as a distance in ticks less than limit (at most one
   // turn of the ring).
   std::optional<uint64_t> occupiedAfter(uint64_t from, uint64_t limit) const;
@@ -111,6 +122,11 @@ class TimerWheel : public Object {
   size_t armed_ = 0;
   uint64_t nextArmSeq_ = 0;
   std::vector<Ptr<Timer>> scratch_;  // fireDue's list of due timers
+  // No armed timer's time is earlier, nor the last nextDue(): kept low by every arming and every nextDue(),
+  // raised only by a firing pass.
+  mutable double dueFloor_ = kNever;
+  mutable double nextDue_ = kNever;  // what nextDue() said, while nextDueKnown_
+  mutable bool nextDueKnown_ = false;
 };
 
 }  // namespace Calyx

@@ -3,6 +3,7 @@
 #include <pcap/pcap.h>
 
 #include <algorithm>
+#include <cstdio>
 
 #include "platform/io/PamTrace.h"
 #include "platform/types/PktManager.h"
@@ -47,10 +48,28 @@ PcapReplayPam::~PcapReplayPam() {
   close();
 }
 
+namespace {
+
+constexpr size_t kFileBufferSize = size_t(1) << 20;
+
+// Opens the capture file through a stdio stream with the given buffer. A file that cannot be opened, and the
+// name "-" (standard input), go to pcap_open_offline as they are, so that errors read as it words them.
+pcap_t* captureOpen(std::string const& file, char* buffer, char* errbuf) {
+  FILE* stream = file == "-" ? nullptr : std::fopen(file.c_str(), "rb");
+  if (!stream) return pcap_open_offline(file.c_str(), errbuf);
+  std::setvbuf(stream, buffer, _IOFBF, kFileBufferSize);
+  pcap_t* handle = pcap_fopen_offline(stream, errbuf);
+  if (!handle) std::fclose(stream);  // a stream it refused stays the caller's
+  return handle;
+}
+
+}  // namespace
+
 void PcapReplayPam::open() {
   if (handle_ || done_) return;
   char errbuf[PCAP_ERRBUF_SIZE] = {};
-  pcap_t* handle = pcap_open_offline(options_.file.c_str(), errbuf);
+  if (!fileBuffer_) fileBuffer_ = std::make_unique<char[]>(kFileBufferSize);
+  pcap_t* handle = captureOpen(options_.file, fileBuffer_.get(), errbuf);
   std::string error = handle ? "" : errbuf;
   if (handle && !options_.filter.empty()) {
     bpf_program program{};
@@ -83,8 +102,9 @@ void PcapReplayPam::open() {
 
 void PcapReplayPam::close() {
   if (!handle_) return;
-  pcap_close(handle_);
+  pcap_close(handle_);  // closes the stream, which is done with its buffer then
   handle_ = nullptr;
+  fileBuffer_.reset();
 }
 
 void PcapReplayPam::readAhead() {
@@ -104,13 +124,9 @@ void PcapReplayPam::readAhead() {
   }
   nextRecordedTime_ = static_cast<double>(header->ts.tv_sec) + static_cast<double>(header->ts.tv_usec) * 1e-6;
   if (firstRecordedTime_ < 0) firstRecordedTime_ = nextRecordedTime_;
+  nextDueAt_ = options_.recordedPace ? startTime_ + (nextRecordedTime_ - firstRecordedTime_) : -kNever;
   next_ = PktManager::global().newPkt(header->caplen + Pkt::kDefaultHeadroom);
   next_->assign(bytes, header->caplen);
-}
-
-bool PcapReplayPam::isDue() const {
-  if (!options_.recordedPace) return true;
-  return startTime_ + (nextRecordedTime_ - firstRecordedTime_) <= loop_->now();
 }
 
 void PcapReplayPam::deliver() {
@@ -137,7 +153,7 @@ void PcapReplayPam::nextTurn() {
     task_->schedule();
     return;
   }
-  timer_->timeMinIs(startTime_ + (nextRecordedTime_ - firstRecordedTime_));
+  timer_->timeMinIs(nextDueAt_);
 }
 
 }  // namespace Calyx

@@ -17,6 +17,16 @@ inline uint32_t loadBe32(uint8_t const* p) {
 inline uint64_t loadBe64(uint8_t const* p) {
   return uint64_t(loadBe32(p)) << 32 | loadBe32(p + 4);
 }
+inline uint16_t loadLe16(uint8_t const* p) {
+  return static_cast<uint16_t>(p[0] | p[1] << 8);
+}
+inline uint64_t loadLe64(uint8_t const* p) {
+  return uint64_t(p[0]) | uint64_t(p[1]) << 8 | uint64_t(p[2]) << 16 | uint64_t(p[3]) << 24 |
+         uint64_t(p[4]) << 32 | uint64_t(p[5]) << 40 | uint64_t(p[6]) << 48 | uint64_t(p[7]) << 56;
+}
+inline void storeBe64(uint8_t* p, uint64_t v) {
+  for (size_t i = 0; i < 8; ++i) p[i] = static_cast<uint8_t>(v >> (56 - 8 * i));
+}
 
 // The n low bytes of v, most significant first / least significant first.
 inline void storeBe(uint8_t* p, uint64_t v, size_t n) {

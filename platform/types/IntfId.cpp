@@ -6,8 +6,6 @@
 #include <ostream>
 #include <stdexcept>
 
-#include "platform/types/Hash.h"
-
 namespace Calyx {
 
 namespace {
@@ -37,10 +35,6 @@ IntfId::IntfId(std::string_view name) {
   std::memcpy(name_, name.data(), name.size());
 }
 
-size_t IntfId::length() const {
-  return strnlen(name_, sizeof(name_));
-}
-
 String IntfId::shortName() const {
   std::string_view n = name();
   for (auto const& a : kAbbreviations) {
@@ -51,13 +45,6 @@ String IntfId::shortName() const {
     }
   }
   return String(n);
-}
-
-uint32_t IntfId::hash(uint32_t seed) const {
-  IncrementalHash h(seed);
-  std::string_view n = name();
-  h.add(n.data(), n.size());
-  return h.value();
 }
 
 std::optional<IntfId> IntfId::parse(std::string_view text, String* error) {

@@ -14,11 +14,13 @@
 #include <compare>
 #include <cstddef>
 #include <cstdint>
+#include <cstring>
 #include <functional>
 #include <iosfwd>
 #include <optional>
 #include <string_view>
 
+#include "platform/types/Hash.h"
 #include "platform/types/String.h"
 
 namespace Calyx {
@@ -37,13 +39,43 @@ class IntfId {
   bool empty() const { return name_[0] == '\0'; }
   explicit operator bool() const { return !empty(); }
 
-  friend auto operator<=>(IntfId const&, IntfId const&) = default;
-  uint32_t hash(uint32_t seed = 0) const;
+  // The whole zero-filled array at once, eight bytes at a time: the same as comparing the names byte by byte,
+  // as every byte of a name is printable ASCII and sorts after the zero fill. Inline: interfaces key maps
+  // that are looked up per frame.
+  friend bool operator==(IntfId const& a, IntfId const& b) {
+    return std::memcmp(a.name_, b.name_, sizeof a.name_) == 0;
+  }
+  friend std::strong_ordering operator<=>(IntfId const& a, IntfId const& b) {
+    for (size_t i = 0; i < sizeof a.name_; i += 8) {
+      uint64_t const x = wordAt(a.name_ + i), y = wordAt(b.name_ + i);
+      if (x != y) return x <=> y;
+    }
+    return std::strong_ordering::equal;
+  }
+  // The hash of the name's bytes. Inline: every look-up of a flow on its interface hashes one.
+  uint32_t hash(uint32_t seed = 0) const {
+    IncrementalHash h(seed);
+    h.add(name_, length());
+    return h.value();
+  }
+  // A hash of the whole zero-filled name for keys hashed as words (see wideMix): the same name gives the same
+  // value in every process and run, with no length to find first.
+  uint64_t wideHash(uint64_t seed) const {
+    uint64_t w[4];
+    std::memcpy(w, name_, sizeof w);
+    return wideMix(w[0] ^ seed, w[1]) ^ wideMix(w[2], w[3] ^ seed);
+  }
   String stringValue() const { return String(name()); }
   static std::optional<IntfId> parse(std::string_view text, String* error = nullptr);
 
  private:
-  size_t length() const;
+  size_t length() const { return strnlen(name_, sizeof(name_)); }
+  // Eight name bytes as a number whose order is theirs: the first byte most significant.
+  static uint64_t wordAt(char const* p) {
+    uint64_t w = 0;
+    for (size_t i = 0; i < 8; ++i) w = w << 8 | static_cast<uint8_t>(p[i]);
+    return w;
+  }
 
   char name_[kMaxLength + 1] =
       {};  // zero-filled after the name, so the defaulted comparisons see only the name

@@ -51,12 +51,6 @@ std::optional<Ip4Addr> Ip4Addr::parse(std::string_view text, String* error) {
   return a;
 }
 
-Ip6Addr Ip6Addr::fromBytes(uint8_t const* p) {
-  Ip6Addr a;
-  std::copy_n(p, a.bytes.size(), a.bytes.begin());
-  return a;
-}
-
 bool Ip6Addr::isZero() const {
   return std::all_of(bytes.begin(), bytes.end(), [](uint8_t b) { return b == 0; });
 }
@@ -97,14 +91,6 @@ std::span<uint8_t const> IpGenAddr::bytes() const& {
       break;
   }
   return {};
-}
-
-uint32_t IpGenAddr::hash(uint32_t seed) const {
-  IncrementalHash h(seed);
-  h.add8(static_cast<uint8_t>(af_));
-  auto b = bytes();
-  h.add(b.data(), b.size());
-  return h.value();
 }
 
 String IpGenAddr::stringValue() const {

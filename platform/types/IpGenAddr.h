@@ -16,12 +16,14 @@
 #include <compare>
 #include <cstddef>
 #include <cstdint>
+#include <cstring>
 #include <functional>
 #include <iosfwd>
 #include <optional>
 #include <span>
 #include <string_view>
 
+#include "platform/types/Hash.h"
 #include "platform/types/String.h"
 
 namespace Calyx {
@@ -49,7 +51,11 @@ struct Ip6Addr {
   std::array<uint8_t, 16> bytes{};  // network order
 
   // Reads 16 bytes in network order, e.g. from an IPv6 header.
-  static Ip6Addr fromBytes(uint8_t const* p);
+  static Ip6Addr fromBytes(uint8_t const* p) {
+    Ip6Addr a;
+    std::memcpy(a.bytes.data(), p, a.bytes.size());
+    return a;
+  }
   bool isZero() const;
 
   friend constexpr auto operator<=>(Ip6Addr const&, Ip6Addr const&) = default;
@@ -68,6 +74,19 @@ class IpGenAddr {
   }
   constexpr IpGenAddr(Ip6Addr const& a) : af_(Family::ipv6), bytes_(a.bytes) {}
 
+  // Makes this, in place, the IPv4 (IPv6) address of the 4 (16) network-order bytes at p, e.g. in a header.
+  // For a parser that fills a key where it stays: a value made elsewhere and copied in would be read back
+  // while its bytes are still being written, which on the hot path costs more than the parse.
+  void v4Is(uint8_t const* p) {
+    af_ = Family::ipv4;
+    std::memcpy(bytes_.data(), p, 4);
+    std::memset(bytes_.data() + 4, 0, bytes_.size() - 4);
+  }
+  void v6Is(uint8_t const* p) {
+    af_ = Family::ipv6;
+    std::memcpy(bytes_.data(), p, bytes_.size());
+  }
+
   Family af() const { return af_; }
   bool isV4() const { return af_ == Family::ipv4; }
   bool isV6() const { return af_ == Family::ipv6; }
@@ -83,11 +102,48 @@ class IpGenAddr {
 
   // By family first (none < IPv4 < IPv6), then by address bytes.
   friend constexpr auto operator<=>(IpGenAddr const&, IpGenAddr const&) = default;
-  uint32_t hash(uint32_t seed = 0) const;
+  friend bool operator==(IpGenAddr const& a, IpGenAddr const& b) {
+    return a.af_ == b.af_ && std::memcmp(a.bytes_.data(), b.bytes_.data(), a.bytes_.size()) == 0;
+  }
+  // The hash of the family code followed by the address bytes (none for no family). Always inline, its blocks
+  // read straight from the address: a flow look-up hashes two addresses, and a call would cost as much.
+  [[gnu::always_inline]] uint32_t hash(uint32_t seed = 0) const {
+    IncrementalHash h(seed);
+    auto const family = static_cast<uint32_t>(af_);
+    uint8_t const* const b = bytes_.data();
+    switch (af_) {
+      case Family::ipv4:
+        h.addLe32(family | le32(b) << 8);
+        h.add8(b[3]);
+        break;
+      case Family::ipv6:
+        h.addLe32(family | le32(b) << 8);
+        h.addLe32(le32(b + 3));
+        h.addLe32(le32(b + 7));
+        h.addLe32(le32(b + 11));
+        h.add8(b[15]);
+        break;
+      default:  // none, or a family code from a damaged record: the code alone
+        h.add8(static_cast<uint8_t>(family));
+        break;
+    }
+    return h.value();
+  }
+  // Address bytes 8i to 8i + 7 (i is 0 or 1) as one word in host order, an IPv4 address's tail zero: for
+  // hashes that mix words.
+  uint64_t word(size_t i) const {
+    uint64_t w;
+    std::memcpy(&w, bytes_.data() + 8 * i, 8);
+    return w;
+  }
   String stringValue() const;
   static std::optional<IpGenAddr> parse(std::string_view text, String* error = nullptr);
 
  private:
+  static uint32_t le32(uint8_t const* p) {
+    return uint32_t(p[0]) | uint32_t(p[1]) << 8 | uint32_t(p[2]) << 16 | uint32_t(p[3]) << 24;
+  }
+
   Family af_ = Family::none;
   std::array<uint8_t, 16> bytes_{};  // network order; unused bytes are zero
 };

@@ -3,7 +3,7 @@
 #include <algorithm>
 #include <cstring>
 
-#include "platform/core/Assert.h"
+#include "platform/types/PktManager.h"
 
 namespace Calyx {
 
@@ -26,11 +26,42 @@ Pkt::Pkt(size_t capacity, size_t headroom)
       data_(buffer_ + std::min(headroom, capacity)),
       defaultHeadroom_(std::min(headroom, capacity)) {}
 
-void Pkt::headDel(size_t n) {
-  CALYX_ASSERT(n <= dataBytes_, "ptrWithinRegion( data_, buffer_, size_ )");
-  data_ += n;
-  dataBytes_ -= n;
-  checkInvariants();
+Pkt::Pkt(PktManager& manager, size_t capacity, size_t headroom)
+    : manager_(&manager),
+      storage_(manager.bufferTake(capacity, blockSize_)),
+      buffer_(storage_.get()),
+      size_(capacity),
+      data_(buffer_ + std::min(headroom, capacity)),
+      defaultHeadroom_(std::min(headroom, capacity)) {}
+
+Pkt::~Pkt() {
+  bufferRelease();
+}
+
+void* Pkt::operator new(size_t size) {
+  return PktManager::global().objectTake(size);
+}
+
+void Pkt::operator delete(void* p, size_t size) {
+  PktManager::global().objectRelease(p, size);
+}
+
+std::unique_ptr<uint8_t[]> Pkt::bufferTake(size_t n, size_t& blockSize) {
+  if (manager_) return manager_->bufferTake(n, blockSize);
+  blockSize = 0;
+  return std::unique_ptr<uint8_t[]>(new uint8_t[n]);
+}
+
+void Pkt::bufferRelease() {
+  if (manager_ && storage_) manager_->bufferRelease(std::move(storage_), blockSize_);
+}
+
+void Pkt::storageIs(std::unique_ptr<uint8_t[]> block, size_t blockSize, size_t size) {
+  bufferRelease();
+  storage_ = std::move(block);
+  blockSize_ = blockSize;
+  buffer_ = storage_.get();
+  size_ = size;
 }
 
 uint8_t* Pkt::headPrepend(size_t n) {
@@ -50,11 +81,10 @@ void Pkt::reset() {
 void Pkt::assign(void const* p, size_t n) {
   if (defaultHeadroom_ + n > size_) {
     // The source may lie in the old buffer, so copy before that buffer goes.
-    auto bigger = std::make_unique<uint8_t[]>(defaultHeadroom_ + n);
+    size_t blockSize = 0;
+    auto bigger = bufferTake(defaultHeadroom_ + n, blockSize);
     if (n != 0) std::memcpy(bigger.get() + defaultHeadroom_, p, n);
-    storage_ = std::move(bigger);
-    buffer_ = storage_.get();
-    size_ = defaultHeadroom_ + n;
+    storageIs(std::move(bigger), blockSize, defaultHeadroom_ + n);
   } else if (n != 0) {
     std::memmove(buffer_ + defaultHeadroom_, p, n);
   }
@@ -64,11 +94,10 @@ void Pkt::assign(void const* p, size_t n) {
 }
 
 void Pkt::reallocate(size_t newSize, size_t newHeadroom) {
-  auto bigger = std::make_unique<uint8_t[]>(newSize);
+  size_t blockSize = 0;
+  auto bigger = bufferTake(newSize, blockSize);
   if (dataBytes_ != 0) std::memcpy(bigger.get() + newHeadroom, data_, dataBytes_);
-  storage_ = std::move(bigger);
-  buffer_ = storage_.get();
-  size_ = newSize;
+  storageIs(std::move(bigger), blockSize, newSize);
   data_ = buffer_ + newHeadroom;
 }
 

@@ -13,15 +13,18 @@
 // data moved into it; pointers returned earlier are then stale.
 //
 // A Pkt is counted (Ptr<Pkt>) and used on one thread. Packets usually come from
-// PktManager::global().newPkt().
+// PktManager::global().newPkt(), which recycles their buffers.
 
 #include <cstddef>
 #include <cstdint>
 #include <memory>
 
+#include "platform/core/Assert.h"
 #include "platform/core/Object.h"
 
 namespace Calyx {
+
+class PktManager;
 
 class Pkt : public Object {
  public:
@@ -32,6 +35,12 @@ class Pkt : public Object {
   // to the capacity). The head room given here is also what assign() keeps and what a grown buffer gets in
   // front.
   explicit Pkt(size_t capacity = kDefaultCapacity, size_t headroom = kDefaultHeadroom);
+  // The same, with its buffers taken from and given back to manager, which must outlive the packet.
+  Pkt(PktManager& manager, size_t capacity, size_t headroom);
+
+  // Packet objects themselves are recycled through the global manager (see PktManager).
+  static void* operator new(size_t size);
+  static void operator delete(void* p, size_t size);
 
   uint8_t* data() { return data_; }
   uint8_t const* data() const { return data_; }
@@ -40,8 +49,13 @@ class Pkt : public Object {
   size_t headroom() const { return static_cast<size_t>(data_ - buffer_); }
   size_t tailroom() const { return size_ - headroom() - dataBytes_; }
 
-  // Deletes n bytes from the head of the data; n > bytes() is fatal.
-  void headDel(size_t n);
+  // Deletes n bytes from the head of the data; n > bytes() is fatal. Inline: a parser calls it per header.
+  void headDel(size_t n) {
+    // Within the data, so within the buffer: the invariants hold afterwards without a further check.
+    CALYX_ASSERT(n <= dataBytes_, "ptrWithinRegion( data_, buffer_, size_ )");
+    data_ += n;
+    dataBytes_ -= n;
+  }
   // Makes n more bytes of data in front of the current data and returns the new head. The new bytes are not
   // initialised.
   uint8_t* headPrepend(size_t n);
@@ -56,16 +70,22 @@ class Pkt : public Object {
   void rxTimestampIs(double t) { rxTimestamp_ = t; }
 
  protected:
-  ~Pkt() override = default;
+  ~Pkt() override;
 
  private:
   // Moves the data into a new buffer of newSize bytes, starting newHeadroom bytes in.
   void reallocate(size_t newSize, size_t newHeadroom);
+  // A buffer of at least n bytes (from the manager when there is one), and the release of the current one.
+  std::unique_ptr<uint8_t[]> bufferTake(size_t n, size_t& blockSize);
+  void bufferRelease();
+  void storageIs(std::unique_ptr<uint8_t[]> block, size_t blockSize, size_t size);
   void checkInvariants() const;
 
+  PktManager* manager_ = nullptr;
+  size_t blockSize_ = 0;  // bytes of storage_ when it came from the manager's free lists, else 0
   std::unique_ptr<uint8_t[]> storage_;
   uint8_t* buffer_ = nullptr;  // storage_.get(), kept raw so the invariants read as they are stated
-  size_t size_ = 0;
+  size_t size_ = 0;            // the capacity asked for; the block may be larger
   uint8_t* data_ = nullptr;
   size_t dataBytes_ = 0;
   size_t defaultHeadroom_ = 0;

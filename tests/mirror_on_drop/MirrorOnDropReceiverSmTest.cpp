@@ -184,6 +184,8 @@ TEST_F(ReceiverSmTest, ValidFramesYieldKeyAndReportOneByOne) {
   ASSERT_EQ(dispatcher.keys.size(), 3u);
   EXPECT_EQ(dispatcher.keys[0], Emt::Key(FlowKey(6, v4.srcIp, v4.dstIp, 1000, 80), IntfId("et1")));
   EXPECT_EQ(dispatcher.keys[1], Emt::Key(FlowKey(17, v6.srcIp, v6.dstIp, 1000, 80), IntfId("et1")));
+  // Filled into the same slot after an IPv6 key: nothing of the longer addresses may remain.
+  EXPECT_EQ(dispatcher.keys[2], dispatcher.keys[0]);
   EXPECT_EQ(dispatcher.reports[0].timestamp().value(), 0x0102030405060708u);
   EXPECT_EQ(dispatcher.reports[0].reason(), Drop::Reason());
   EXPECT_EQ(dispatcher.reports[2].timestamp().value(), 7u);

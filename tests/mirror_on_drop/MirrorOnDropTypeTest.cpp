@@ -6,10 +6,12 @@
 #include <stdexcept>
 #include <string>
 
+#include "mirror_on_drop/MirrorOnDropEmtCommon.h"
 #include "mirror_on_drop/MirrorOnDropType.h"
 #include "mirror_on_drop/MirrorOnDropTypeCommon.h"
 
 using namespace MirrorOnDrop;
+using Calyx::IntfId;
 using Calyx::Ip4Addr;
 using Calyx::IpGenAddr;
 
@@ -122,6 +124,38 @@ TEST(FlowKeyTest, EqualityOrderingAndHash) {
   EXPECT_TRUE(b < v6);  // by the address type's ordering of the families
   FlowKey const udp(17, ip("0.0.0.1"), ip("0.0.0.1"), 0, 0);
   EXPECT_TRUE(v6 < udp);  // protocol first
+}
+
+// The hashes place keys in shared-memory tables that other programs read, and the flow key's orders the
+// batches reports go out in: they must not change by accident. A flow key alone, and with an interface (an
+// exact-match key, hashed from the words of both).
+TEST(FlowKeyTest, PinnedHashes) {
+  FlowKey const v4(6, ip("10.1.2.3"), ip("192.168.0.1"), 1234, 443);
+  FlowKey const v6(17, ip("2001:db8::7"), ip("2001:db8::1:2"), 53, 5353);
+  EXPECT_EQ(v4.hash(), 0x0d1f6a72u);
+  EXPECT_EQ(v4.hash(9), 0x604bc6ceu);
+  EXPECT_EQ(v6.hash(), 0x8d3a19e5u);
+  EXPECT_EQ(Emt::Key(v4, IntfId("Ethernet12")).hash(), 0x43954c25u);
+  EXPECT_EQ(Emt::Key(v6, IntfId("Port-Channel3")).hash(), 0x343b6e48u);
+  // Every field of an exact-match key takes part.
+  auto emt = [](uint8_t proto, char const* src, char const* dst, uint16_t sport, uint16_t dport,
+                char const* intf) {
+    return Emt::Key(FlowKey(proto, ip(src), ip(dst), sport, dport), IntfId(intf));
+  };
+  Emt::Key const base = emt(6, "10.1.2.3", "192.168.0.1", 1234, 443, "Ethernet12");
+  for (Emt::Key const& other : {emt(17, "10.1.2.3", "192.168.0.1", 1234, 443, "Ethernet12"),
+                                emt(6, "10.1.2.4", "192.168.0.1", 1234, 443, "Ethernet12"),
+                                emt(6, "10.1.2.3", "192.168.0.2", 1234, 443, "Ethernet12"),
+                                emt(6, "10.1.2.3", "192.168.0.1", 1235, 443, "Ethernet12"),
+                                emt(6, "10.1.2.3", "192.168.0.1", 1234, 444, "Ethernet12"),
+                                emt(6, "::a01:203", "192.168.0.1", 1234, 443, "Ethernet12"),
+                                emt(6, "10.1.2.3", "192.168.0.1", 1234, 443, "Ethernet13"),
+                                emt(6, "10.1.2.3", "192.168.0.1", 1234, 443, "Ethernet12/1")}) {
+    EXPECT_NE(other.hash(), base.hash()) << other;
+  }
+  EXPECT_NE(emt(6, "10.1.2.3", "192.168.0.1", 1234, 443, "Ethernet12/1/1/1/1/1/1/1/1/1/1").hash(),
+            emt(6, "10.1.2.3", "192.168.0.1", 1234, 443, "Ethernet12/1/1/1/1/1/1/1/1/1/2").hash());
+  EXPECT_NE(base.hash(1), base.hash());
 }
 
 TEST(FlowKeyTest, TextRoundTripAndFieldErrors) {

@@ -6,6 +6,7 @@
 #include <vector>
 
 #include "platform/core/EventLoop.h"
+#include "platform/core/Task.h"
 #include "platform/core/TimerWheel.h"
 
 using namespace Calyx;
@@ -125,6 +126,106 @@ TEST(EventLoopTest, SimulatedRunForMovesTimeWithoutSleeping) {
   loop->runFor(24 * 3600);
   EXPECT_EQ(fired, (std::vector<double>{3600, 7200.5}));
   EXPECT_DOUBLE_EQ(loop->now(), 24 * 3600);
+}
+
+// Calls a function when it is freed.
+class OnFree : public Object {
+ public:
+  explicit OnFree(std::function<void()> f) : f_(std::move(f)) {}
+
+ protected:
+  ~OnFree() override { f_(); }
+
+ private:
+  std::function<void()> f_;
+};
+
+class OnRun : public Task::Reactor {
+ public:
+  OnRun(Ptr<Task> t, std::function<void()> f) : Reactor(t), task(std::move(t)), f_(std::move(f)) {}
+  void handleRun() override { f_(); }
+  Ptr<Task> task;
+
+ private:
+  std::function<void()> f_;
+};
+
+// A step of simulated time ends only when nothing more can run at its time: work made by a timer (a task, a
+// timer due at once, an object to free) runs before the clock moves on.
+TEST(EventLoopTest, SimulatedStepRunsWhatItsTimeMadeReady) {
+  auto loop = EventLoop::makeSimulated(0.0);
+  auto wheel = make<TimerWheel>(*loop, 200, 525600, false, 1024);
+  std::vector<std::string> log;
+  auto stamp = [&](char const* what) {
+    log.push_back(what + std::string("@") + std::to_string(loop->now()));
+  };
+  OnTimer now(wheel->timerNew(), [&] {
+    stamp("timer");
+    loop->deleteLater(make<OnFree>([&] { stamp("freed"); }));
+  });
+  OnRun second(loop->scheduler().taskNew("second", 1), [&] {
+    stamp("second task");
+    now.timer->timeMinIs(loop->now());
+  });
+  OnRun task(loop->scheduler().taskNew("first", 1), [&] {
+    stamp("task");
+    second.task->schedule();  // runs in the turn after this one
+  });
+  OnTimer first(wheel->timerNew(), [&] {
+    stamp("first");
+    task.task->schedule();
+  });
+  OnTimer later(wheel->timerNew(), [&] { stamp("later"); });
+  first.timer->timeMinIs(5);
+  later.timer->timeMinIs(5.001);
+  loop->runFor(10);
+  EXPECT_EQ(log, (std::vector<std::string>{"first@5.000000", "task@5.000000", "second task@5.000000",
+                                           "timer@5.000000", "freed@5.000000", "later@5.001000"}));
+}
+
+// While runFor steps, descriptors are looked at by a real-time interval only; by its end every readable one
+// has been served.
+TEST(EventLoopTest, SimulatedRunForEndsWithDescriptorsServed) {
+  auto loop = EventLoop::makeSimulated(0.0);
+  auto wheel = make<TimerWheel>(*loop, 200, 525600, false, 1024);
+  int fds[2];
+  ASSERT_EQ(pipe(fds), 0);
+  int served = 0;
+  auto watch = loop->fdWatch(fds[0], [&] {
+    char c;
+    if (read(fds[0], &c, 1) == 1) ++served;
+  });
+  int steps = 0;
+  OnTimer tick(wheel->timerNew(), [&] {
+    if (++steps < 1000) tick.timer->timeMinIs(loop->now() + 0.001);
+  });
+  tick.timer->timeMinIs(0.001);
+  ASSERT_EQ(write(fds[1], "x", 1), 1);
+  loop->runFor(5);
+  EXPECT_EQ(steps, 1000);
+  EXPECT_EQ(served, 1);
+  watch.reset();
+  close(fds[0]);
+  close(fds[1]);
+}
+
+// A timer handler may drop another wheel, with a timer of it due in the same turn: that wheel is skipped, not
+// touched.
+TEST(EventLoopTest, HandlerDropsAnotherWheelDueInTheSameTurn) {
+  auto loop = EventLoop::makeSimulated(0.0);
+  auto first = make<TimerWheel>(*loop, 200, 525600, false, 1024);
+  auto second = make<TimerWheel>(*loop, 200, 525600, false, 1024);
+  std::vector<std::string> log;
+  auto doomed = std::make_unique<OnTimer>(second->timerNew(), [&] { log.push_back("doomed"); });
+  doomed->timer->timeMinIs(1);
+  OnTimer dropper(first->timerNew(), [&] {
+    log.push_back("dropper");
+    doomed.reset();
+    second = nullptr;
+  });
+  dropper.timer->timeMinIs(1);
+  loop->runFor(2);
+  EXPECT_EQ(log, (std::vector<std::string>{"dropper"}));
 }
 
 TEST(EventLoopTest, FirstLoopIsTheActivityManager) {

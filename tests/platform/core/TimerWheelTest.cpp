@@ -107,6 +107,38 @@ TEST_F(TimerWheelTest, TimersBeyondTheHorizonWaitAndFireOnTime) {
   EXPECT_DOUBLE_EQ(firedAt, 150);
 }
 
+// A wheel with nothing due is not looked at, so its ring can fall far behind the clock: timers armed then,
+// near and beyond the ring's horizon, still fire at their times.
+TEST_F(TimerWheelTest, ArmedAfterALongIdleSpellFiresOnTime) {
+  auto small = make<TimerWheel>(*loop, 200, 64, false, 1024);  // a 12.8 s horizon
+  auto a = timer("a", small), b = timer("b", small), c = timer("c", small);
+  std::vector<double> at;
+  for (auto* t : {&a, &b, &c}) (*t)->action = [&] { at.push_back(loop->now()); };
+  loop->runFor(1000);
+  a->timer->timeMinIs(loop->now() + 0.3);
+  b->timer->timeMinIs(loop->now() + 30);
+  loop->runFor(10);
+  c->timer->timeMinIs(loop->now() + 1);
+  loop->runFor(100);
+  EXPECT_EQ(log, (std::vector<std::string>{"a", "c", "b"}));
+  EXPECT_EQ(at, (std::vector<double>{1100.3, 1111, 1130}));
+}
+
+// A cancelled timer beyond the horizon leaves the wheel waking early for it; the loop must still move on to
+// the timer that remains, not spin at the stale wake-up.
+TEST_F(TimerWheelTest, CancelledTimerBeyondTheHorizonLeavesNoStall) {
+  auto small = make<TimerWheel>(*loop, 200, 64, false, 1024);
+  auto a = timer("a", small), b = timer("b", small);
+  a->timer->timeMinIs(150);
+  b->timer->timeMinIs(400);
+  a->timer->timeMinIs(kNever);
+  double firedAt = 0;
+  b->action = [&] { firedAt = loop->now(); };
+  loop->runFor(1000);
+  EXPECT_EQ(log, (std::vector<std::string>{"b"}));
+  EXPECT_DOUBLE_EQ(firedAt, 400);
+}
+
 TEST_F(TimerWheelTest, FiresAtMostTheTurnLimitPerTurn) {
   auto limited = make<TimerWheel>(*loop, 200, 1000, false, 2);
   auto a = timer("a", limited), b = timer("b", limited), c = timer("c", limited);

@@ -42,5 +42,20 @@ TEST(IncrementalHash, SplitOfTheInputDoesNotMatter) {
   EXPECT_EQ(bytes.value(), hashOf(text));
 }
 
+TEST(IncrementalHash, WordsFeedTheirBytesAlsoBehindAPartialBlock) {
+  uint8_t const bytes[] = {1, 2, 3, 4, 5, 6, 7, 8, 9};
+  for (size_t lead = 0; lead < 4; ++lead) {
+    IncrementalHash words, plain;
+    words.add(bytes, lead);
+    plain.add(bytes, lead + 4);
+    words.addLe32(uint32_t(bytes[lead]) | uint32_t(bytes[lead + 1]) << 8 | uint32_t(bytes[lead + 2]) << 16 |
+                  uint32_t(bytes[lead + 3]) << 24);
+    EXPECT_EQ(words.value(), plain.value()) << lead << " bytes first";
+    words.add(bytes + lead + 4, 2);
+    plain.add(bytes + lead + 4, 2);
+    EXPECT_EQ(words.value(), plain.value()) << lead << " bytes first, then a tail";
+  }
+}
+
 }  // namespace
 }  // namespace Calyx

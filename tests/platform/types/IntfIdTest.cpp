@@ -28,8 +28,23 @@ TEST(IntfIdLimits, ThirtyOneCharactersFitAndMoreAreRejected) {
 TEST(IntfIdOrder, ByteOrderOfNamesAndEmptyIsFalse) {
   EXPECT_LT(IntfId("Ethernet1"), IntfId("Ethernet10"));
   EXPECT_LT(IntfId("Ethernet10"), IntfId("Ethernet2"));
+  // Names are compared eight bytes at a time: differences and ends on either side of those boundaries.
+  EXPECT_LT(IntfId("Port-Cha"), IntfId("Port-Channel1"));
+  EXPECT_LT(IntfId("Port-Channel1"), IntfId("Port-Channel10"));
+  EXPECT_LT(IntfId("Port-Channel10"), IntfId("Port-Channel2"));
+  EXPECT_LT(IntfId("abcdefghijklmnopA"), IntfId("abcdefghijklmnopB"));
+  EXPECT_LT(IntfId("Z"), IntfId("a"));
+  EXPECT_EQ(IntfId("Port-Channel10") <=> IntfId("Port-Channel10"), std::strong_ordering::equal);
+  EXPECT_LT(IntfId(), IntfId("a"));
   EXPECT_FALSE(IntfId());
   EXPECT_TRUE(IntfId("et0"));
+}
+
+// The hash places keys in shared-memory tables that other programs read: it must not change by accident.
+TEST(IntfIdHash, PinnedValues) {
+  EXPECT_EQ(IntfId("Ethernet12").hash(), 0x72d11335u);
+  EXPECT_EQ(IntfId("Ethernet12").hash(3), 0xcc5f6028u);
+  EXPECT_EQ(IntfId().hash(), 0u);
 }
 
 }  // namespace

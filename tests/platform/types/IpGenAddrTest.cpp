@@ -40,6 +40,28 @@ TEST(IpGenAddrOrder, FamilyFirstThenNumericAddress) {
   EXPECT_EQ(addr("2001:DB8:0:0:0:0:0:1"), addr("2001:db8::1"));
 }
 
+TEST(IpGenAddrInPlace, FillingOverAnotherFamilyLeavesNothingOfIt) {
+  uint8_t const v4[4] = {10, 1, 2, 3};
+  uint8_t v6[16] = {0x20, 0x01, 0x0d, 0xb8};
+  v6[15] = 7;
+  IpGenAddr a = addr("2001:db8:ffff:ffff:ffff:ffff:ffff:ffff");
+  a.v4Is(v4);
+  EXPECT_EQ(a, addr("10.1.2.3"));  // equality, order and hash look at the whole zero tail
+  EXPECT_EQ(a.hash(), addr("10.1.2.3").hash());
+  a.v6Is(v6);
+  EXPECT_EQ(a, addr("2001:db8::7"));
+}
+
+// The hash places keys in shared-memory tables that other programs read, and orders the batches reports go
+// out in: it must not change by accident. MurmurHash3 of the family code and the address bytes.
+TEST(IpGenAddrHash, PinnedValues) {
+  EXPECT_EQ(addr("10.1.2.3").hash(), 0x65d32133u);
+  EXPECT_EQ(addr("10.1.2.3").hash(7), 0xd5c3c0a9u);
+  EXPECT_EQ(addr("2001:db8::7").hash(), 0xaac2d2ccu);
+  EXPECT_EQ(addr("2001:db8::7").hash(7), 0x50d719d8u);
+  EXPECT_EQ(IpGenAddr().hash(), 0x514e28b7u);
+}
+
 TEST(IpGenAddrHash, OneByteApartHashesApart) {
   IpGenAddr base = addr("10.0.0.1");
   for (uint32_t bit = 0; bit < 32; bit += 8) {

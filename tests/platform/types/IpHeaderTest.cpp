@@ -24,6 +24,19 @@ TEST(Ip4Checksum, CorrectHeaderComputesZeroAndCorruptionShows) {
   }
 }
 
+// The computed value itself is what a rejection trace prints.
+TEST(Ip4Checksum, ComputedValuesOfAWrongHeader) {
+  auto h = correctHeader();
+  h[10] = h[11] = 0;
+  EXPECT_EQ(Ip4HeaderView(h.data()).checksumComputed(), 0xb861);
+  std::array<uint8_t, 20> zero{0x45};
+  EXPECT_EQ(Ip4HeaderView(zero.data()).checksumComputed(), 0xbaff);
+  // 60 bytes of 0xff: every carry folds back, and the sum is the one's-complement zero 0xffff.
+  std::array<uint8_t, 60> ones;
+  ones.fill(0xff);
+  EXPECT_EQ(Ip4HeaderView(ones.data()).checksumComputed(), 0);
+}
+
 TEST(Ip4Checksum, FillThenVerifyIncludingOptions) {
   auto h = correctHeader();
   h[10] = h[11] = 0xff;

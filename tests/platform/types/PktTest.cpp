@@ -66,6 +66,31 @@ TEST_F(PktTest, AssignReplacesContentEvenFromItselfAndGrows) {
   EXPECT_EQ(pkt->headroom(), 16u);
 }
 
+// A manager hands its packets' buffers on to later packets; each packet still sees the capacity it asked for.
+TEST(PktManagerTest, BuffersComeBackAndAreHandedOnWithTheAskedCapacity) {
+  if (!PktManager::kRecycles) GTEST_SKIP() << "nothing is recycled under AddressSanitizer";
+  PktManager manager;
+  auto first = manager.newPkt(300, 16);
+  EXPECT_EQ(first->capacity(), 300u);
+  first->assign("first", 5);
+  first = nullptr;
+  EXPECT_EQ(manager.freeBuffers(), 1u);
+  auto second = manager.newPkt(400, 16);  // the same 512-byte class
+  EXPECT_EQ(manager.freeBuffers(), 0u);
+  EXPECT_EQ(second->capacity(), 400u);
+  EXPECT_EQ(second->bytes(), 0u);
+  // Growing trades the buffer for a larger one; the old one comes back at once.
+  second->assign("payload", 7);
+  std::memset(second->headPrepend(100), 'h', 100);
+  EXPECT_EQ(text(*second).substr(98), "hhpayload");
+  EXPECT_EQ(manager.freeBuffers(), 1u);
+  second = nullptr;
+  EXPECT_EQ(manager.freeBuffers(), 2u);
+  // Beyond the largest class, a buffer is the packet's own.
+  manager.newPkt(4096, 16);
+  EXPECT_EQ(manager.freeBuffers(), 2u);
+}
+
 using PktDeathTest = PktTest;
 
 TEST_F(PktDeathTest, HeadDelPastTheEndDies) {
