@@ -180,8 +180,12 @@ class EntryOutbox : public Calyx::Object, public Calyx::Notifier<EntryOutbox> {
     virtual void handleEntry(Key const&) {}
   };
   // Open addressing in one array: a storm's batch holds a million keys, added one by one and then given back
-  // one by one, taking the front each time.
-  using Set = Calyx::FlatSet<Key>;
+  // one by one, taking the front each time. The batch lives in this process only, so it hashes a key the
+  // fast way rather than the stable way the shared tables need.
+  struct KeyHash {
+    size_t operator()(Key const& k) const { return k.wideHash(0); }
+  };
+  using Set = Calyx::FlatSet<Key, KeyHash>;
 
   EntryOutbox() = default;
   void entryIs(Key const& k);
