@@ -234,7 +234,22 @@ void Agent::heartbeat() {
   }
   if (now.empty() && !problemsSaid_.empty()) say("healthy again: every capture is up");
   problemsSaid_ = now;
+  sendErrorsSay();
   if (stop_ == Stop::none) notify_.status(statusLine());
+}
+
+// Collectors whose sends failed since the last heartbeat, each named with how many and why: one line a second
+// at most per collector, however many reports failed.
+void Agent::sendErrorsSay() {
+  if (!host_) return;
+  for (auto const& [who, e] : host_->holder()->exchanger()->sendErrors()) {
+    uint64_t& said = sendErrorsSaid_[who];
+    if (e.count < said) said = 0;  // cleared meanwhile
+    if (e.count == said) continue;
+    say("collector " + who.first + "/" + who.second + ": " + std::to_string(e.count - said) +
+        " report sends failed (" + std::strerror(e.lastErrno) + "), " + std::to_string(e.count) + " in all");
+    said = e.count;
+  }
 }
 
 // The scrape's text, from what this agent holds: its status reply and its own tables' counts (the same the

@@ -67,6 +67,7 @@ class Agent {
   void stopGracefully();
   [[noreturn]] void leaveAsKilled();
   void heartbeat();
+  void sendErrorsSay();
   bool replayDone() const;
   void progress();
   void summary() const;
@@ -95,6 +96,7 @@ class Agent {
   std::unique_ptr<Calyx::EventLoop::FdWatch> heartbeatWatch_;
   double nextWatchdog_ = 0;
   std::vector<std::string> problemsSaid_;
+  std::map<std::pair<std::string, std::string>, uint64_t> sendErrorsSaid_;  // per collector, the count said
   double nextProgress_ = 0;
 
   Stop stop_ = Stop::none;

@@ -388,9 +388,10 @@ void SenderSm::sendToCollector(String const& exporter, String const& collector, 
   if (!udpPam_->sendPacket(src, dst, dscp, port, pkt)) {
     int const err = udpPam_->txErrno();
     MOD_TRACE(trace(), 1,
-              "[ERROR]: sending report packet failed { errno = "
-                  << err << ", message = '" << std::strerror(err) << "', exporter = '" << exporter
-                  << "', collector = '" << collector << "', dIp = " << dst << ", dPort = " << port << " }.");
+              "[ERROR]: sending report packet failed { errno = " << err << ", message = '"
+                                                                 << std::strerror(err) << "' }.");
+    // The line above is the feature's own and names no collector: the count per collector is kept where the
+    // agent reads its statistics, and the agent's log names the collector.
     exchanger_->sendErrorInc(exporter, collector, err);
     std::ostringstream record;
     record << "Failed to send report: errno = " << err << ", sIp = " << src << ", dIp = " << dst
