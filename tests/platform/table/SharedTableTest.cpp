@@ -6,11 +6,37 @@
 #include <sys/mman.h>
 #include <unistd.h>
 
+#include <sys/stat.h>
+
 #include <algorithm>
+#include <fstream>
 #include <memory>
+#include <stdexcept>
 #include <vector>
 
 #include "tests/platform/table/TableTestRecords.h"
+
+// A key whose comparison throws on values no writer stores, as a key with a stored length may.
+namespace Picky {
+struct Key {
+  uint64_t n = 0;
+  bool operator==(Key const& o) const {
+    if (n > 1000 || o.n > 1000)
+      throw std::length_error("n " + std::to_string(std::max(n, o.n)) + " out of range");
+    return n == o.n;
+  }
+};
+struct Record {
+  Key k;
+  Key key() const { return k; }
+  bool operator==(Record const& o) const { return k == o.k; }
+};
+}  // namespace Picky
+
+template <>
+struct std::hash<Picky::Key> {
+  size_t operator()(Picky::Key const& k) const noexcept { return k.n; }
+};
 
 namespace Calyx {
 namespace {
@@ -36,7 +62,10 @@ class SharedTableTest : public ::testing::Test {
     SharedTableOptions o;
     o.stateDir = dir.path();
     o.initialCapacity = capacity;
-    o.corruptionHandler = [this](SharedTableCorruption const& c) { problems.push_back(c.problem); };
+    o.corruptionHandler = [this](SharedTableCorruption const& c) {
+      problems.push_back(c.problem);
+      atOpen.push_back(c.atOpen && ::access(c.path.c_str(), F_OK) == 0);
+    };
     return make<Table>(name, o);
   }
   // Writes bytes into a table's file as a stray process would.
@@ -49,6 +78,7 @@ class SharedTableTest : public ::testing::Test {
 
   TableTest::TempStateDir dir;
   std::vector<std::string> problems;
+  std::vector<bool> atOpen;  // per problem: found while opening, with the damaged file still at its path
 };
 
 TEST_F(SharedTableTest, EntryIsNotifiesOnlyOnChangeAndReplacesWithoutSecondRow) {
@@ -157,8 +187,53 @@ TEST_F(SharedTableTest, DamagedHeaderGoesToTheHandlerAndTheTableStartsAfresh) {
   auto t = open();
   ASSERT_EQ(problems.size(), 1u);
   EXPECT_NE(problems[0].find("magic"), std::string::npos);
+  EXPECT_TRUE(atOpen[0]);
   EXPECT_EQ(t->entryCount(), 0u);
   EXPECT_TRUE(t->entryIs(Value::of(keyOf(2), 2)));
+}
+
+// A record type's own code may throw on bytes no writer produced (a stored length beyond its storage): in
+// the file an earlier run left, that is damage like any other, never an exception out of the constructor.
+TEST_F(SharedTableTest, RecordCodeThatThrowsOnAnEarlierRunsFileIsDamage) {
+  using PickyTable = SharedTable<Picky::Key, Picky::Record>;
+  SharedTableOptions o;
+  o.stateDir = dir.path();
+  o.initialCapacity = 16;
+  o.corruptionHandler = [this](SharedTableCorruption const& c) { problems.push_back(c.problem); };
+  make<PickyTable>("p", o)->entryIs(Picky::Record{{5}});
+  // The value's copy of the key, in the one used slot (16-byte slot header, 8-byte key, then the value).
+  for (size_t i = 0; i < 16; ++i) {
+    off_t const slot = 128 + off_t(i) * 32;
+    uint64_t state = 0;
+    int fd = ::open(dir.file("p").c_str(), O_RDONLY);
+    ASSERT_EQ(::pread(fd, &state, 4, slot + 8), 4);
+    ::close(fd);
+    if ((state & 0xffffffff) == 1) scribble("p", slot + 24, 5000);
+  }
+  auto t = make<PickyTable>("p", o);
+  ASSERT_EQ(problems.size(), 1u);
+  EXPECT_NE(problems[0].find("holds a record that cannot be read: n 5000 out of range"), std::string::npos)
+      << problems[0];
+  EXPECT_EQ(t->entryCount(), 0u);
+}
+
+// Whoever could put a symlink where a table's file goes would choose what the writer maps and overwrites:
+// the link is not followed, and the table's own file takes its place.
+TEST_F(SharedTableTest, ASymlinkInPlaceOfTheFileIsNeverFollowed) {
+  std::string const target = dir.file("precious");
+  { std::ofstream(target) << "not a table"; }
+  ASSERT_EQ(::symlink(target.c_str(), dir.file("t").c_str()), 0);
+  EXPECT_TRUE((SharedTableReader<Key, Value>(dir.file("t")).snapshot().empty()));
+  auto t = open();
+  t->entryIs(Value::of(keyOf(1), 1));
+  std::ifstream in(target);
+  std::string text;
+  std::getline(in, text);
+  EXPECT_EQ(text, "not a table");
+  struct stat st {};
+  ASSERT_EQ(::lstat(dir.file("t").c_str(), &st), 0);
+  EXPECT_TRUE(S_ISREG(st.st_mode));
+  EXPECT_TRUE(problems.empty());
 }
 
 TEST_F(SharedTableTest, DamageWhileRunningAbandonsTheOperation) {
@@ -175,6 +250,7 @@ TEST_F(SharedTableTest, DamageWhileRunningAbandonsTheOperation) {
   EXPECT_FALSE(t->entryDel(keyOf(1)));
   EXPECT_EQ(problems.size(), 3u);
   EXPECT_NE(problems[0].find("has state 9"), std::string::npos);
+  EXPECT_FALSE(atOpen[0]);
 
   reinterpret_cast<SegmentHeader*>(base)->count = 1u << 20;
   EXPECT_FALSE(t->entryIs(Value::of(keyOf(1), 3)));
@@ -222,6 +298,23 @@ TEST_F(SharedTableTest, DefaultCorruptionHandlerNamesTheTableAndStops) {
   SharedTableOptions o;
   o.stateDir = dir.path();
   EXPECT_DEATH(make<Table>("t", o), "SharedTable t .* is corrupted: bad magic");
+}
+
+// A table made without a handler of its own (a plug-in's) reports to the process's handler when there is one.
+TEST_F(SharedTableTest, TablesWithoutAHandlerReportToTheProcesssHandler) {
+  open()->entryIs(Value::of(keyOf(1), 1));
+  scribble("t", 0, 0);
+  std::vector<SharedTableCorruption> heard;
+  sharedTableCorruptionHandlerIs([&](SharedTableCorruption const& c) { heard.push_back(c); });
+  SharedTableOptions o;
+  o.stateDir = dir.path();
+  auto t = make<Table>("t", o);
+  sharedTableCorruptionHandlerIs({});
+  ASSERT_EQ(heard.size(), 1u);
+  EXPECT_EQ(heard[0].table, "t");
+  EXPECT_TRUE(heard[0].atOpen);
+  EXPECT_EQ(sharedTableCorruptionText(heard[0]),
+            "SharedTable t (" + dir.file("t") + ") is corrupted: bad magic 0");
 }
 
 TEST_F(SharedTableTest, NameThatIsNoFileNameKeepsTheTableInProcess) {
