@@ -7,8 +7,20 @@
 
 #include <cerrno>
 #include <cstring>
+#include <exception>
+
+#include "platform/core/Trace.h"
 
 namespace Calyx {
+
+namespace {
+
+TraceHandle const& controlTrace() {
+  static TraceHandle const handle("Calyx-Control");
+  return handle;
+}
+
+}  // namespace
 
 ControlSocket::ControlSocket(EventLoop& loop, std::string path, Handler handler, Refusal refusal)
     : loop_(loop), path_(std::move(path)), handler_(std::move(handler)), refusal_(std::move(refusal)) {}
@@ -95,7 +107,27 @@ void ControlSocket::readable(int fd) {
   for (size_t nl; (nl = it->second.in.find('\n')) != std::string::npos;) {
     std::string const line = it->second.in.substr(0, nl);
     it->second.in.erase(0, nl + 1);
-    if (!send(fd, handler_(line))) return drop(fd);
+    if (!send(fd, reply(line))) return drop(fd);
+  }
+}
+
+// The one place every request passes: whatever the handler throws becomes a refusal and a trace line, so no
+// request can end the process.
+std::string ControlSocket::reply(std::string const& line) {
+  std::string what;
+  try {
+    return handler_(line);
+  } catch (std::exception const& e) {
+    what = e.what();
+  } catch (...) {
+    what = "an exception of unknown type";
+  }
+  CALYX_TRACE(controlTrace(), 1,
+              "[ERROR] Control request failed: " << what << "; request: " << line.substr(0, 200) << ".");
+  try {
+    return refusal_("internal error: " + what);
+  } catch (...) {
+    return R"({"ok": false, "error": "internal error"})";
   }
 }
 
