@@ -5,12 +5,15 @@
 #include <unistd.h>
 
 #include <cstdio>
+#include <cstdlib>
 #include <filesystem>
 #include <iostream>
+#include <map>
 #include <sstream>
 #include <tuple>
 
 #include "agent/ConfigApply.h"
+#include "agent/StateDirTrust.h"
 #include "platform/core/RingTrace.h"
 #include "platform/core/Trace.h"
 #include "platform/core/TraceSink.h"
@@ -28,6 +31,38 @@ constexpr double kVirtualStep = 1.0;    // seconds of virtual time per turn of t
 
 void say(std::string const& line) {
   std::cerr << "mod-agent: " << line << std::endl;
+}
+
+Calyx::TraceHandle const& agentTrace() {
+  static Calyx::TraceHandle const handle("MOD-Agent");
+  return handle;
+}
+
+// What the loss of each of the feature's tables means, and which tables hold entries of the same flows (one
+// of them set aside takes the others with it, so the fresh tables agree).
+std::map<std::string, std::string> tablesLost() {
+  using namespace MirrorOnDrop::TableName;
+  std::string const report = kReportStatus;
+  return {
+      {report + ".entry", "the flows it held cannot be closed with STOP reports"},
+      {report + ".entryIntf", "the per-interface counts of the flows it held are forgotten"},
+      {kEmtConfig, "the exact-match entries it asked for are forgotten"},
+      {kEmtStatus, "which exact-match entries were installed is read again"},
+      {kCollectorStatus, "the collectors' byte and report counters start again from zero"},
+      {Calyx::HwFlowTracking::StatusStore::kTableName, "the tracker an earlier run had active is forgotten"}};
+}
+
+std::map<std::string, std::vector<std::string>> tablesCompanions() {
+  using namespace MirrorOnDrop::TableName;
+  std::vector<std::string> const flows = {std::string(kReportStatus) + ".entry",
+                                          std::string(kReportStatus) + ".entryIntf", kEmtConfig};
+  std::map<std::string, std::vector<std::string>> out;
+  for (auto const& t : flows) {
+    for (auto const& other : flows) {
+      if (other != t) out[t].push_back(other);
+    }
+  }
+  return out;
 }
 
 }  // namespace
@@ -57,6 +92,7 @@ Agent::~Agent() {
   statusStore_.reset();
   mounts_ = {};
   loop_ = nullptr;
+  Calyx::sharedTableCorruptionHandlerIs({});
   plugin_.reset();  // last: nothing the plug-in made may outlive its code
 }
 
@@ -81,11 +117,15 @@ void Agent::traceApply(AgentConfig const& c) {
   }
 }
 
-bool Agent::start() {
+int Agent::start() {
+  if (std::string const why = stateDirTrust(config_.stateDir); !why.empty()) {
+    say(why);
+    return kExitRefused;
+  }
   std::string error;
   if (!lock_.acquire(config_.stateDir, error)) {
     say(error);
-    return false;
+    return kExitNotStarted;
   }
   // The tables and the tracker status live in the state directory.
   setenv("CALYX_STATE_DIR", config_.stateDir.c_str(), 1);
@@ -97,8 +137,10 @@ bool Agent::start() {
                                        MirrorOnDrop::PluginTable::kVersion, error);
   if (!plugin_) {
     say(error);
-    return false;
+    return kExitNotStarted;
   }
+  damaged_ = std::make_unique<DamagedState>(config_.stateDir, tablesLost(), tablesCompanions());
+  Calyx::sharedTableCorruptionHandlerIs([this](Calyx::SharedTableCorruption const& c) { tableCorrupted(c); });
   bool const virtualTime = config_.replaying() && config_.replayClock == ReplayClock::virtualTime;
   loop_ = virtualTime ? Calyx::EventLoop::makeSimulated() : Calyx::EventLoop::makeReal();
   loop_->signalsEnable();
@@ -114,19 +156,64 @@ bool Agent::start() {
   }
   // What an earlier run left of the tracker status is loaded before the manager looks at it.
   statusStore_ = std::make_unique<Calyx::HwFlowTracking::StatusStore>(mounts_.hwStatus);
+  tablesCheck();
   configApply(config_, mounts_);
   host_ = std::make_unique<MirrorOnDrop::FeatureHost>(plugin_->tableAs<MirrorOnDrop::PluginTable>(), mounts_);
-  control_ = std::make_unique<ControlService>(*loop_, *host_, config_.stateDir);
+  control_ = std::make_unique<ControlService>(*loop_, *host_, config_.stateDir, damaged_.get());
   std::string const socketPath =
       config_.controlSocket.empty() ? config_.stateDir + "/mod-agent.sock" : config_.controlSocket;
   if (!control_->open(socketPath, error)) say("no control socket: " + error);
   say(std::string("started: feature ") + (host_->featureOn() ? "on" : "off") + ", state directory " +
       config_.stateDir + (config_.replaying() ? ", replaying " + config_.replay : ""));
-  return true;
+  return kExitClean;
+}
+
+// The feature's tables opened once before anything uses them: damage in any of them is set aside now, and the
+// tables holding entries of the same flows follow it, whatever the order the feature opens them in.
+void Agent::tablesCheck() {
+  auto const& plugin = plugin_->tableAs<MirrorOnDrop::PluginTable>();
+  using namespace MirrorOnDrop::TableName;
+  auto const report = plugin.reportStatusFactory(kReportStatus);
+  auto const emtConfig = plugin.emtConfigFactory(kEmtConfig);
+  (void)plugin.emtStatusFactory(kEmtStatus);
+  (void)plugin.collectorStatusFactory(kCollectorStatus);
+  std::map<std::string, size_t> const entries = {
+      {report->entryControl()->name(), report->entryCount()},
+      {report->entryIntfControl()->name(), report->entryIntfCount()},
+      {kEmtConfig, emtConfig->entryCount()}};
+  auto const holdsEntries = [&](std::string const& table) {
+    auto const it = entries.find(table);
+    return it == entries.end() || it->second > 0;
+  };
+  for (auto const& d : damaged_->companionsSetAside(holdsEntries))
+    tell(DamagedState::message(d), "Table set aside with a damaged one: " + d.table + " -> " + d.copy);
+}
+
+void Agent::tableCorrupted(Calyx::SharedTableCorruption const& c) {
+  if (c.atOpen && damaged_) {
+    DamagedTable const d = damaged_->setAside(c);
+    tell(DamagedState::message(d), "Damaged table set aside: " + d.table + " -> " + d.copy);
+    return;
+  }
+  // Found while running: the agent stops, as a clean exit with its own status rather than an abort, so that
+  // a supervisor restarts it and the next start sets the table aside. Nothing is torn down: the feature's
+  // state machines must not go on over a table that breaks its invariants.
+  tell(Calyx::sharedTableCorruptionText(c) + "; stopping (exit status " + std::to_string(kExitStateDamaged) +
+           "; the next start sets the table aside)",
+       "Damaged table while running, stopping: " + c.table);
+  std::fflush(nullptr);
+  std::_Exit(kExitStateDamaged);
+}
+
+// An event the operator must hear of: on stderr, in the trace log when that is elsewhere, and in the ring.
+void Agent::tell(std::string const& line, std::string const& ringLine) const {
+  say(line);
+  if (config_.traceOutput != "stderr") CALYX_TRACE(agentTrace(), 1, "[ERROR] " << line << ".");
+  Calyx::RingTrace::instance().record(ringLine);
 }
 
 int Agent::run() {
-  if (!start()) return 1;
+  if (int const status = start(); status != kExitClean) return status;
   if (loop_->isSimulated()) {
     runVirtual();
   } else {
@@ -135,7 +222,7 @@ int Agent::run() {
   summary();
   control_.reset();
   host_.reset();
-  return 0;
+  return kExitClean;
 }
 
 void Agent::runVirtual() {

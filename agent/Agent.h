@@ -9,6 +9,10 @@
 // SIGHUP reads the configuration file again and applies only the differences; a file with an error keeps the
 // running configuration and says why. At the end the feature is torn down in the reverse order and a summary
 // line goes to stderr (the collectors' counters as their table holds them then).
+//
+// The state directory is checked before anything in it is used (StateDirTrust). A table found damaged as it
+// is opened is set aside (DamagedState) and the agent starts with a fresh one; damage found while running
+// stops the agent at once with its own exit status, so that the next start sets the table aside.
 
 #include <functional>
 #include <map>
@@ -17,6 +21,7 @@
 
 #include "agent/AgentConfig.h"
 #include "agent/ControlService.h"
+#include "agent/DamagedState.h"
 #include "agent/FeatureHost.h"
 #include "agent/StateDirLock.h"
 #include "platform/core/EventLoop.h"
@@ -31,10 +36,18 @@ using ConfigLoader = std::function<bool(std::string const& file, AgentConfig&, s
 
 class Agent {
  public:
+  // mod-agent's exit statuses.
+  static constexpr int kExitClean = 0;         // stopped by a signal (or the replay ended) and torn down
+  static constexpr int kExitNotStarted = 1;    // the plug-in or the state directory's lock was not to be had
+  static constexpr int kExitRefused = 2;       // a bad command line or configuration, or a state directory
+                                               // others can change
+  static constexpr int kExitStateDamaged = 3;  // a shared table was found damaged while running: the next
+                                               // start sets it aside
+
   Agent(AgentConfig config, std::string pluginPath, ConfigLoader loader);
   ~Agent();
 
-  // The exit status: 0 after a clean tear-down, 1 when the agent could not start.
+  // One of the exit statuses above.
   int run();
 
   // Where the plug-in is looked for when none is given: beside the program, then the build tree's layout.
@@ -43,7 +56,10 @@ class Agent {
  private:
   class SignalReactor;
 
-  bool start();
+  int start();
+  void tablesCheck();
+  void tableCorrupted(Calyx::SharedTableCorruption const& c);
+  void tell(std::string const& line, std::string const& ringLine) const;
   void runVirtual();
   void reload();
   bool replayDone() const;
@@ -55,6 +71,7 @@ class Agent {
   std::string pluginPath_;
   ConfigLoader loader_;
   StateDirLock lock_;
+  std::unique_ptr<DamagedState> damaged_;
   std::unique_ptr<Calyx::PluginLibrary> plugin_;
   Calyx::Ptr<Calyx::EventLoop> loop_;
   MirrorOnDrop::FeatureMounts mounts_;

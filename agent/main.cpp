@@ -30,6 +30,11 @@ int main(int argc, char** argv) {
                  "the plug-in library (default: libmirror_on_drop.so beside the program)");
   app.add_flag("--check-config", checkOnly, "check the configuration, print every error, and exit");
   app.set_version_flag("--version", std::string("mod-agent ") + kVersion);
+  app.footer(
+      "Exit status: 0 stopped cleanly; 1 could not start (plug-in, or another agent holds the state\n"
+      "directory); 2 bad command line or configuration, or a state directory others can change; 3 a shared\n"
+      "table was found damaged while running (the next start moves it to <state_dir>/damaged-<time>/ and\n"
+      "starts afresh).");
   try {
     app.parse(argc, argv);
   } catch (CLI::ParseError const& e) {

@@ -56,6 +56,9 @@ std::string metricsText(std::optional<Json> const& status, Json const& flows, Js
     w.family("mod_reports_sent_total", "counter", "Reports sent, each to every collector, by type.");
     w.sample("mod_reports_sent_total", c["start_reports"].get<uint64_t>(), label("type", "start"));
     w.sample("mod_reports_sent_total", c["stop_reports"].get<uint64_t>(), label("type", "stop"));
+    w.family("mod_state_tables_set_aside_total", "counter",
+             "Shared tables found damaged when the agent started, moved to a damaged-* directory.");
+    w.sample("mod_state_tables_set_aside_total", status->value("damaged_tables", Json::array()).size());
   }
   w.family("mod_flows", "gauge", "Flows being reported (the report status table).");
   w.sample("mod_flows", flows["count"].get<size_t>());

@@ -61,6 +61,12 @@ void statusText(Modctl::Json const& r) {
             << c["rejected"] << "\nreports sent: START " << c["start_reports"] << ", STOP "
             << c["stop_reports"] << "\nuptime: " << int64_t(r["uptime"].get<double>()) << " s (pid "
             << r["pid"] << ")\n";
+  for (auto const& d : r.value("damaged_tables", Modctl::Json::array())) {
+    std::cout << "damaged at start: " << d.value("table", "") << " (" << d.value("problem", "") << "); "
+              << (d["copy"].is_string() ? "copy in " + d["copy"].get<std::string>()
+                                        : std::string("no copy kept"))
+              << "; " << d.value("lost", "") << "\n";
+  }
 }
 
 }  // namespace
