@@ -333,12 +333,12 @@ bool SenderSm::packetBuild(Report::Key const& key, bool isStop, Calyx::Pkt& pkt)
 bool SenderSm::sendReport(Ptr<Report::EntryOutbox> const& entry, bool isStop) {
   MOD_TRACE(trace(), 8, "SenderSm::sendReport(" << (isStop ? "STOP" : "START") << ")");
   Detail::TraceManager::Scope scope;
-  // The dispatcher removes each key from the batch as it is announced: walk a copy.
-  std::vector<Report::Key> const keys(entry->begin(), entry->end());
   Ptr<Calyx::Pkt> const pkt = Calyx::PktManager::global().newPkt();
   uint64_t sent = 0;
-  for (Report::Key const& key : keys) {
-    if (!entry->entry(key)) continue;
+  // The dispatcher takes each announced key out of the batch inside the announcement, so the batch's first key
+  // is always the next one to send: an activation costs what it sends, however many keys are left.
+  while (!entry->empty()) {
+    Report::Key const key = *entry->begin();
     if (packetBuild(key, isStop, *pkt)) {
       sendToCollectors(isStop, pkt);
     } else {
@@ -351,6 +351,8 @@ bool SenderSm::sendReport(Ptr<Report::EntryOutbox> const& entry, bool isStop) {
       exchanger_->counterSentStartReportInc(1);
     }
     ++sent;
+    // A batch nobody drains (it left its queue meanwhile) would hand out the same key for ever.
+    if (entry->entry(key)) return false;
     if (taskReport_->shouldYield() && entry->count() > 0) {
       MOD_TRACE(trace(), 3, "Yielding activity: sent reports count = " << sent << ".");
       taskReport_->workCountInc(sent);

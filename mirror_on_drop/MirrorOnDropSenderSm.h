@@ -61,7 +61,8 @@ class SenderSm : public Calyx::Object {
   void handleActiveInterval();
   void handleClearCounter();
   void report();
-  // Sends every report of one queued batch; true when it yielded (the task is scheduled again).
+  // Sends every report of one queued batch, taking its keys in the order the batch holds them (the dispatcher
+  // removes each as it is announced); true when it yielded (the task is scheduled again).
   bool sendReport(Calyx::Ptr<Report::EntryOutbox> const& entry, bool isStop);
 
   void initialize();

@@ -1,6 +1,5 @@
 #include "platform/io/CalyxEmSoftwareExactMatchTable.h"
 
-#include <algorithm>
 
 #include "platform/core/Trace.h"
 
@@ -16,14 +15,6 @@ TraceHandle const& trace() {
 std::ostream& operator<<(std::ostream& os, ExactMatchKey const& k) {
   return os << unsigned(k.ipProto) << " " << k.srcIp << ":" << k.srcPort << " -> " << k.dstIp << ":"
             << k.dstPort;
-}
-
-template <class Queue, class Key>
-bool eraseFrom(Queue& q, Key const& key) {
-  auto it = std::find_if(q.begin(), q.end(), key);
-  if (it == q.end()) return false;
-  q.erase(it);
-  return true;
 }
 
 }  // namespace
@@ -72,61 +63,103 @@ char const* SoftwareExactMatchTable::familyName() const {
 }
 
 void SoftwareExactMatchTable::handleConfig(ExactMatchKey const& key) {
-  auto const same = [&](auto const& e) {
-    if constexpr (requires { e.key; }) {
-      return e.key == key;
-    } else {
-      return e == key;
-    }
-  };
+  auto it = entries_.find(key);
   if (config_->config(key)) {
-    bool const known = installed_.count(key) || std::any_of(pending_.begin(), pending_.end(), same) ||
-                       std::any_of(waiting_.begin(), waiting_.end(), same);
-    if (known) return;
-    pending_.push_back({key, wheel_->now() + installDelay_});
+    if (it != entries_.end()) return;
+    uint64_t const ticket = nextTicket_++;
+    entries_.emplace(key, Entry{State::pending, ticket});
+    pending_.push_back({key, ticket, wheel_->now() + installDelay_});
+    ++pendingCount_;
     status_->statusIs(key, false);
     timerArm();
     return;
   }
-  bool const freed = installed_.erase(key) > 0;
-  eraseFrom(pending_, same) || eraseFrom(waiting_, same);
+  bool freed = false;
+  if (it != entries_.end()) {
+    switch (it->second.state) {
+      case State::pending:
+        --pendingCount_;
+        break;
+      case State::waiting:
+        --waitingCount_;
+        break;
+      case State::installed:
+        --installedCount_;
+        freed = true;
+        break;
+    }
+    entries_.erase(it);
+  }
   status_->statusDel(key);
   CALYX_TRACE(trace(), 5, familyName() << " exact-match entry removed: " << key << ".");
-  if (freed && !waiting_.empty()) {
-    ExactMatchKey const next = waiting_.front();
+  if (!freed) {
+    compact(pending_, State::pending, pendingCount_);
+    compact(waiting_, State::waiting, waitingCount_);
+    return;
+  }
+  if (Queued const* next = front(waiting_, State::waiting)) {
+    ExactMatchKey const nextKey = next->key;
     waiting_.pop_front();
-    install(next);
+    --waitingCount_;
+    install(nextKey, entries_.at(nextKey));
   }
 }
 
 void SoftwareExactMatchTable::installDue() {
   double const now = wheel_->now();
-  while (!pending_.empty() && pending_.front().due <= now) {
-    ExactMatchKey const key = pending_.front().key;
+  for (Queued const* q; (q = front(pending_, State::pending)) && q->due <= now;) {
+    ExactMatchKey const key = q->key;
     pending_.pop_front();
-    if (installed_.size() < capacity_) {
-      install(key);
+    --pendingCount_;
+    Entry& entry = entries_.at(key);
+    if (installedCount_ < capacity_) {
+      install(key, entry);
     } else {
-      waiting_.push_back(key);
+      entry = {State::waiting, nextTicket_++};
+      waiting_.push_back({key, entry.ticket, 0});
+      ++waitingCount_;
       CALYX_TRACE(trace(), 3,
-                  familyName() << " exact-match table is full (" << installed_.size() << " of " << capacity_
+                  familyName() << " exact-match table is full (" << installedCount_ << " of " << capacity_
                                << " entries installed): " << key << " waits for room.");
     }
   }
   timerArm();
 }
 
-void SoftwareExactMatchTable::install(ExactMatchKey const& key) {
-  installed_.insert(key);
+void SoftwareExactMatchTable::install(ExactMatchKey const& key, Entry& entry) {
+  entry.state = State::installed;
+  ++installedCount_;
   status_->statusIs(key, true);
   CALYX_TRACE(trace(), 5, familyName() << " exact-match entry installed: " << key << ".");
 }
 
+bool SoftwareExactMatchTable::isLive(Queued const& q, State state) const {
+  auto it = entries_.find(q.key);
+  return it != entries_.end() && it->second.state == state && it->second.ticket == q.ticket;
+}
+
+SoftwareExactMatchTable::Queued const* SoftwareExactMatchTable::front(std::deque<Queued>& queue, State state) {
+  while (!queue.empty() && !isLive(queue.front(), state)) queue.pop_front();
+  return queue.empty() ? nullptr : &queue.front();
+}
+
+// Entries removed while queued leave stale keys behind; once they outnumber the live ones the queue is rebuilt,
+// so its length stays within a constant factor of what it holds.
+void SoftwareExactMatchTable::compact(std::deque<Queued>& queue, State state, size_t live) {
+  if (queue.size() <= 2 * live + 64) return;
+  std::deque<Queued> kept;
+  for (Queued const& q : queue) {
+    if (isLive(q, state)) kept.push_back(q);
+  }
+  queue.swap(kept);
+}
+
 void SoftwareExactMatchTable::timerArm() {
-  if (pending_.empty()) {
+  Queued const* next = front(pending_, State::pending);
+  if (!next) {
     timer_->timeMinIs(kNever);
-  } else if (timer_->timeMin() != pending_.front().due) {
-    timer_->timeMinIs(pending_.front().due);
+  } else if (timer_->timeMin() != next->due) {
+    timer_->timeMinIs(next->due);
   }
 }
 

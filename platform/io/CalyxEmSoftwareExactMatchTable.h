@@ -12,7 +12,7 @@
 #include <cstdint>
 #include <deque>
 #include <memory>
-#include <set>
+#include <map>
 
 #include "platform/core/EventLoop.h"
 #include "platform/core/TimerWheel.h"
@@ -28,21 +28,35 @@ class SoftwareExactMatchTable {
   SoftwareExactMatchTable(SoftwareExactMatchTable const&) = delete;
   SoftwareExactMatchTable& operator=(SoftwareExactMatchTable const&) = delete;
 
-  size_t installedCount() const { return installed_.size(); }
-  size_t waitingCount() const { return waiting_.size(); }
+  size_t installedCount() const { return installedCount_; }
+  size_t waitingCount() const { return waitingCount_; }
   uint32_t capacity() const { return capacity_; }
 
  private:
   class ConfigReactor;
   class TimerReactor;
-  struct Pending {
+  enum class State : uint8_t { pending, waiting, installed };
+  // Every entry the table knows, with where it stands. The queues below hold keys in arrival order and are
+  // cleaned lazily: a queued key counts only while its entry is still in that state under the same ticket,
+  // so that adding, removing and installing an entry never searches a queue (a storm of flows puts a
+  // million entries here).
+  struct Entry {
+    State state;
+    uint64_t ticket;
+  };
+  struct Queued {
     ExactMatchKey key;
-    double due;
+    uint64_t ticket;
+    double due;  // pending entries only
   };
 
   void handleConfig(ExactMatchKey const& key);
   void installDue();
-  void install(ExactMatchKey const& key);
+  void install(ExactMatchKey const& key, Entry& entry);
+  // The first queued key still standing in state, or nullptr; stale keys before it are dropped.
+  Queued const* front(std::deque<Queued>& queue, State state);
+  void compact(std::deque<Queued>& queue, State state, size_t live);
+  bool isLive(Queued const& q, State state) const;
   void timerArm();
   char const* familyName() const;
 
@@ -52,9 +66,13 @@ class SoftwareExactMatchTable {
   double installDelay_;
   Ptr<TimerWheel> wheel_;
   Ptr<Timer> timer_;
-  std::deque<Pending> pending_;        // waiting for their install delay, in arrival order
-  std::deque<ExactMatchKey> waiting_;  // delay over, no room yet, oldest first
-  std::set<ExactMatchKey> installed_;
+  std::map<ExactMatchKey, Entry> entries_;
+  std::deque<Queued> pending_;  // waiting for their install delay, in arrival order
+  std::deque<Queued> waiting_;  // delay over, no room yet, oldest first
+  uint64_t nextTicket_ = 0;
+  size_t pendingCount_ = 0;
+  size_t waitingCount_ = 0;
+  size_t installedCount_ = 0;
   std::unique_ptr<ConfigReactor> configReactor_;
   std::unique_ptr<TimerReactor> timerReactor_;
 };
