@@ -89,8 +89,9 @@ std::string ControlService::answer(std::string const& request) {
   json req;
   try {
     req = json::parse(request);
-  } catch (json::parse_error const& e) {
-    // "[json.exception.parse_error.101] parse error at line 1, column 2: ...": the position and the reason.
+  } catch (json::exception const& e) {
+    // "[json.exception.parse_error.101] parse error at line 1, column 2: ...": the position and the reason (a
+    // number too large for a double is an out_of_range error of the parser's own).
     std::string_view what = e.what();
     if (auto const at = what.find("] "); at != std::string_view::npos) what.remove_prefix(at + 2);
     return refusal("expected one JSON object per line: " + std::string(what));

@@ -65,6 +65,7 @@ TEST_F(ControlServiceTest, MalformedRequestsAreRefusedNamingTheFieldAndTheServic
       {"{\"command\": \"st\xff\"}", "ill-formed UTF-8"},
       {deep, "expected one JSON object per line"},
       {"", "unexpected end of input"},
+      {R"({"command": "status", "n": 1e99999})", "number overflow parsing '1e99999'"},
       // Other fields: wrong type, unknown, missing, or carrying the setting's own separators.
       {R"({"command": "clear-counters", "exporter": 5})", "exporter: expected a string"},
       {R"({"command": "clear-counters", "exporter": null})", "exporter: expected a string"},
