@@ -1,5 +1,6 @@
 #include <gtest/gtest.h>
 
+#include <cstring>
 #include <filesystem>
 #include <stdexcept>
 #include <string>
@@ -52,6 +53,29 @@ TEST_F(FeatureTablesTest, EmtTextForms) {
   std::string text = s.valueToStrep();
   text.replace(text.find("True"), 4, "Maybe");
   EXPECT_THROW(Emt::EntryStatus{std::string_view(text)}, std::range_error);
+}
+
+// Rows an earlier run's file holds are checked as they are loaded: a flow mixing address families, or an
+// installed flag that is no boolean, is damage (the adapter would stop the agent on the first).
+TEST_F(FeatureTablesTest, EmtRowsReadBackAreCheckedBeforeTheAdapterSeesThem) {
+  Emt::Key const mixed(FlowKey(17, *IpGenAddr::parse("10.0.0.1"), *IpGenAddr::parse("::2"), 1, 53),
+                       IntfId("et1"));
+  Emt::EntryStatus notBoolean(key(1, "et1"), true);
+  std::memset(reinterpret_cast<char*>(&notBoolean) + sizeof(Emt::Key), 7, 1);
+  Emt::configFactory("emtConfig")->entryIs(Emt::EntryConfig(mixed));
+  Emt::statusFactory("emtStatus")->entryIs(notBoolean);
+  std::vector<std::string> problems;
+  Calyx::sharedTableCorruptionHandlerIs(
+      [&](Calyx::SharedTableCorruption const& c) { problems.push_back(c.table + ": " + c.problem); });
+  EXPECT_EQ(Emt::configFactory("emtConfig")->entryCount(), 0u);
+  EXPECT_EQ(Emt::statusFactory("emtStatus")->entryCount(), 0u);
+  Calyx::sharedTableCorruptionHandlerIs({});
+  ASSERT_EQ(problems.size(), 2u);
+  EXPECT_NE(problems[0].find("emtConfig: slot"), std::string::npos);
+  EXPECT_NE(problems[0].find("flow of source address family 1 and destination address family 2"),
+            std::string::npos)
+      << problems[0];
+  EXPECT_NE(problems[1].find("isInstalled byte 7 is neither 0 nor 1"), std::string::npos) << problems[1];
 }
 
 TEST_F(FeatureTablesTest, ReportStatusPublishesBothTables) {
