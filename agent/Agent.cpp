@@ -214,28 +214,36 @@ void Agent::tell(std::string const& line, std::string const& ringLine) const {
 
 int Agent::run() {
   if (int const status = start(); status != kExitClean) return status;
+  int status = kExitClean;
   if (loop_->isSimulated()) {
-    runVirtual();
+    status = runVirtual();
   } else {
     loop_->run();
   }
   summary();
   control_.reset();
   host_.reset();
-  return kExitClean;
+  return status;
 }
 
-void Agent::runVirtual() {
+int Agent::runVirtual() {
   Calyx::MonotonicClock wall;
   nextProgress_ = wall.now() + kProgressEvery;
   while (!loop_->isStopped()) {
     loop_->runFor(kVirtualStep);
+    // A capture that cannot be read does not get better while virtual time flies: retrying would go on for
+    // ever.
+    if (std::string const why = replayError(); !why.empty()) {
+      say("cannot replay " + config_.replay + ": " + why);
+      return kExitNotStarted;
+    }
     // Every flow has had its STOP once its report entry is gone. Exact-match entries are not waited for: the
     // STOP bookkeeping removes a flow's entries only on interfaces that still have a flow counter, so an
     // interface whose 16-bit counter wrapped (65,536 flows) leaves entries that nothing removes.
     if (replayDone() && host_->reportStatus()->entryCount() == 0) {
       if (size_t const left = host_->emtConfig()->entryCount())
-        say(std::to_string(left) + " exact-match entries outlive their flows' STOP reports (their interface "
+        say(std::to_string(left) +
+            " exact-match entries outlive their flows' STOP reports (their interface "
             "had no flow counter left: a counter wraps at 65,536 flows)");
       break;
     }
@@ -248,6 +256,15 @@ void Agent::runVirtual() {
       nextProgress_ = wall.now() + kProgressEvery;
     }
   }
+  return kExitClean;
+}
+
+std::string Agent::replayError() const {
+  auto const pam =
+      mounts_.allIntfStatusLocalDir->pamCollection()->intfPam(Calyx::IntfId(config_.replayInterface));
+  auto const* replay = dynamic_cast<Calyx::PcapReplayPam const*>(pam.get());
+  if (!replay || replay->isOpen() || replay->isDone()) return {};
+  return replay->lastError();
 }
 
 bool Agent::replayDone() const {

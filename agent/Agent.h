@@ -38,7 +38,8 @@ class Agent {
  public:
   // mod-agent's exit statuses.
   static constexpr int kExitClean = 0;         // stopped by a signal (or the replay ended) and torn down
-  static constexpr int kExitNotStarted = 1;    // the plug-in or the state directory's lock was not to be had
+  static constexpr int kExitNotStarted = 1;    // the plug-in, the state directory's lock or (on the virtual
+                                               // clock) the capture was not to be had
   static constexpr int kExitRefused = 2;       // a bad command line or configuration, or a state directory
                                                // others can change
   static constexpr int kExitStateDamaged = 3;  // a shared table was found damaged while running: the next
@@ -60,7 +61,8 @@ class Agent {
   void tablesCheck();
   void tableCorrupted(Calyx::SharedTableCorruption const& c);
   void tell(std::string const& line, std::string const& ringLine) const;
-  void runVirtual();
+  int runVirtual();
+  std::string replayError() const;
   void reload();
   bool replayDone() const;
   void progress();

@@ -60,7 +60,8 @@ std::vector<DamagedTable> DamagedState::companionsSetAside(
     for (auto const& other : it->second) {
       std::string const path = inDir(stateDir_, other);
       if (setAlready(other) || !isRegularFile(path) || !holdsEntries(other)) continue;
-      done.push_back(move(other, path, "its entries go with those of " + damaged + ", which is damaged", damaged));
+      done.push_back(
+          move(other, path, "its entries go with those of " + damaged + ", which is damaged", damaged));
     }
   }
   if (!done.empty()) prune();
@@ -126,8 +127,8 @@ void DamagedState::prune() const {
 }
 
 std::string DamagedState::message(DamagedTable const& d) {
-  std::string const where = d.copy.empty() ? "it could not be kept (" + d.notKept + ") and is replaced"
-                                           : "moved to " + d.copy;
+  std::string const where =
+      d.copy.empty() ? "it could not be kept (" + d.notKept + ") and is replaced" : "moved to " + d.copy;
   std::string const what = d.with.empty() ? "is damaged (" + d.problem + ")"
                                           : "goes with " + d.with + " (its entries belong to the same flows)";
   return "table " + d.table + " " + what + ": " + where + "; " + d.lost + "; starting with a fresh table";

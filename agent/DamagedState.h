@@ -44,7 +44,8 @@ class DamagedState {
   DamagedTable setAside(Calyx::SharedTableCorruption const& c);
   // Moves aside the files of the companions of every damaged table recorded so far (those still in the state
   // directory, not set aside yet, and holding entries by holdsEntries); returns what it recorded.
-  std::vector<DamagedTable> companionsSetAside(std::function<bool(std::string const& table)> const& holdsEntries);
+  std::vector<DamagedTable> companionsSetAside(
+      std::function<bool(std::string const& table)> const& holdsEntries);
   std::vector<DamagedTable> const& tables() const { return tables_; }
 
   // One sentence for the operator: which table, what was wrong, where the copy is, what is lost.

@@ -35,8 +35,8 @@ std::string modeText(mode_t mode) {
 // The refusal: what is wrong with which path, and what to do about it.
 std::string refuse(std::string const& dir, std::string const& path, std::string const& fault,
                    std::string const& fix) {
-  return "refusing to use the state directory " + dir + ": " + (path == dir ? std::string("it") : path) + " " +
-         fault + "; " + fix;
+  return "refusing to use the state directory " + dir + ": " + (path == dir ? std::string("it") : path) +
+         " " + fault + "; " + fix;
 }
 
 // Owner and modes of one entry of (or the) state directory.
@@ -75,9 +75,10 @@ std::string parentsCheck(std::string const& dir) {
     struct stat st {};
     if (::lstat(p.c_str(), &st) != 0) return "cannot stat " + p.string() + ": " + std::strerror(errno);
     if (st.st_uid != 0 && st.st_uid != me) {
-      return refuse(dir, p.string(),
-                    "(above it) is owned by " + userName(st.st_uid) + ", who could replace the state directory",
-                    "choose a state directory whose parents only root or " + userName(me) + " own");
+      return refuse(
+          dir, p.string(),
+          "(above it) is owned by " + userName(st.st_uid) + ", who could replace the state directory",
+          "choose a state directory whose parents only root or " + userName(me) + " own");
     }
     bool const sticky = (st.st_mode & S_ISVTX) != 0;
     if ((st.st_mode & (S_IWGRP | S_IWOTH)) != 0 && !sticky) {
@@ -114,7 +115,8 @@ std::string stateDirTrust(std::string const& dir) {
   if (::lstat(dir.c_str(), &st) != 0) {
     if (errno != ENOENT) return "cannot stat the state directory " + dir + ": " + std::strerror(errno);
     if (auto const error = make(dir); !error.empty()) return error;
-    if (::lstat(dir.c_str(), &st) != 0) return "cannot stat the state directory " + dir + ": " + std::strerror(errno);
+    if (::lstat(dir.c_str(), &st) != 0)
+      return "cannot stat the state directory " + dir + ": " + std::strerror(errno);
   }
   if (auto const error = parentsCheck(dir); !error.empty()) return error;
   if (auto const error = entryCheck(dir, dir, st); !error.empty()) return error;

@@ -31,10 +31,10 @@ int main(int argc, char** argv) {
   app.add_flag("--check-config", checkOnly, "check the configuration, print every error, and exit");
   app.set_version_flag("--version", std::string("mod-agent ") + kVersion);
   app.footer(
-      "Exit status: 0 stopped cleanly; 1 could not start (plug-in, or another agent holds the state\n"
-      "directory); 2 bad command line or configuration, or a state directory others can change; 3 a shared\n"
-      "table was found damaged while running (the next start moves it to <state_dir>/damaged-<time>/ and\n"
-      "starts afresh).");
+      "Exit status: 0 stopped cleanly; 1 could not start (plug-in, another agent holds the state directory,\n"
+      "or a capture to replay on the virtual clock cannot be read); 2 bad command line or configuration, or\n"
+      "a state directory others can change; 3 a shared table was found damaged while running (the next\n"
+      "start moves it to <state_dir>/damaged-<time>/ and starts afresh).");
   try {
     app.parse(argc, argv);
   } catch (CLI::ParseError const& e) {

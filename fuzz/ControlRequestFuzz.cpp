@@ -1,7 +1,7 @@
 // Feeds arbitrary bytes to the agent's control requests, one line at a time, against the real feature running
-// on the simulated clock. Every line must get one JSON object with a boolean "ok" (and an "error" text when it
-// is false) without an exception: the control socket would catch one, but any exception here is a field the
-// service failed to check, so it ends the run as a finding.
+// on the simulated clock. Every line must get one JSON object with a boolean "ok" (and an "error" text when
+// it is false) without an exception: the control socket would catch one, but any exception here is a field
+// the service failed to check, so it ends the run as a finding.
 #include <stdlib.h>
 
 #include <cstddef>

@@ -74,8 +74,10 @@ TEST_F(ControlServiceTest, MalformedRequestsAreRefusedNamingTheFieldAndTheServic
       {R"({"command": "trace-set", "handle": "MOD-Manager", "levels": 4})", "levels: expected a string"},
       {R"({"command": "trace-set", "handle": "MOD-Manager"})", "levels: missing"},
       {R"({"command": "trace-set", "handle": "MOD-Manager", "levels": "1,Other=3"})", "is not a level list"},
-      {R"({"command": "trace-set", "handle": "A=1", "levels": "1"})", "handle: \"A=1\" is not a trace handle"},
-      {R"({"command": "trace-set", "handle": "MOD-Manager", "levels": "9"})", "levels: Bad trace level \"9\""},
+      {R"({"command": "trace-set", "handle": "A=1", "levels": "1"})",
+       "handle: \"A=1\" is not a trace handle"},
+      {R"({"command": "trace-set", "handle": "MOD-Manager", "levels": "9"})",
+       "levels: Bad trace level \"9\""},
   };
   for (auto const& c : cases) {
     json const reply = ask(c.request);
@@ -102,7 +104,8 @@ TEST_F(ControlServiceTest, TraceSetBringsOnlyABoundedNumberOfNewHandlesIntoBeing
   // stopped at the bound, while existing handles can still be set.
   size_t refused = 0;
   for (size_t i = 0; i < ModAgent::ControlService::kTraceHandlesMax + 10; ++i) {
-    json const r = ask(R"({"command": "trace-set", "handle": "X)" + std::to_string(i) + R"(", "levels": "1"})");
+    json const r =
+        ask(R"({"command": "trace-set", "handle": "X)" + std::to_string(i) + R"(", "levels": "1"})");
     refused += r["ok"] == false;
   }
   EXPECT_GE(refused, 10u);

@@ -41,7 +41,8 @@ class DamagedStateTest : public ::testing::Test {
 };
 
 TEST_F(DamagedStateTest, TheFileMovesIntoOneDirectoryPerStartAndOnlyTheNewestCopiesStay) {
-  for (char const* old : {"damaged-20000101T000000Z", "damaged-20000101T000001Z", "damaged-20000101T000002Z"}) {
+  for (char const* old :
+       {"damaged-20000101T000000Z", "damaged-20000101T000001Z", "damaged-20000101T000002Z"}) {
     fs::create_directory(dir.file(old));
     write(std::string(old) + "/emtConfig", "old");
   }
@@ -75,14 +76,16 @@ TEST_F(DamagedStateTest, CompanionsFollowTheDamagedTableOnlyWhenTheyHoldEntries)
   ModAgent::DamagedState state(dir.path(), {}, {{"flows", {"counts", "entries"}}, {"counts", {"flows"}}});
   write("counts", "valid, with entries");
   write("entries", "valid, empty");
-  state.setAside({"flows", write("flows", "broken"), "file of 6 bytes is shorter than a segment header", true});
+  state.setAside(
+      {"flows", write("flows", "broken"), "file of 6 bytes is shorter than a segment header", true});
   auto const moved = state.companionsSetAside([](std::string const& table) { return table == "counts"; });
   ASSERT_EQ(moved.size(), 1u);
   EXPECT_EQ(moved[0].table, "counts");
   EXPECT_EQ(moved[0].with, "flows");
   EXPECT_EQ(read(moved[0].copy), "valid, with entries");
   EXPECT_TRUE(fs::exists(dir.file("entries")));
-  EXPECT_NE(ModAgent::DamagedState::message(moved[0]).find("table counts goes with flows"), std::string::npos);
+  EXPECT_NE(ModAgent::DamagedState::message(moved[0]).find("table counts goes with flows"),
+            std::string::npos);
   EXPECT_TRUE(state.companionsSetAside([](auto const&) { return true; }).size() == 1);  // entries, not flows
 }
 

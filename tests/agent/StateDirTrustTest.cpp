@@ -58,10 +58,13 @@ TEST_F(StateDirTrustTest, WhatOthersCouldChangeIsRefusedNamingPathFaultAndFix) {
          chmod((d + "/reportStatus.entry").c_str(), 0666);
        },
        dir + "/reportStatus.entry is writable by others (mode 0666)"},
-      {"a parent open to all", [&](auto const& d) { fs::create_directory(d), chmod(base.path().c_str(), 0777); },
+      {"a parent open to all",
+       [&](auto const& d) { fs::create_directory(d), chmod(base.path().c_str(), 0777); },
        base.path() + " (above it) is writable by others without the sticky bit (mode 0777)"},
       {"made by another user",
-       [](auto const& d) { fs::create_directory(d), chmod(d.c_str(), 0777), (void)chown(d.c_str(), kNobody, kNobody); },
+       [](auto const& d) {
+         fs::create_directory(d), chmod(d.c_str(), 0777), (void)chown(d.c_str(), kNobody, kNobody);
+       },
        "it is owned by nobody, not by root; whoever owns it decides what mod-agent reads", true},
       {"a table of another user",
        [](auto const& d) {

@@ -681,4 +681,13 @@ TEST_F(ModAgentTest, AStateDirectoryOthersCanChangeIsRefusedAndNothingInItIsOpen
   close(watch);
 }
 
+// On the virtual clock nothing can make an unreadable capture readable: the replay ends with the reason at
+// once instead of retrying while virtual time flies.
+TEST_F(ModAgentTest, ACaptureThatCannotBeReadEndsAVirtualReplayWithItsReason) {
+  write("drops.pcap", "not a capture at all, just text");
+  auto const r = programRun("mod-agent", {"--config", write("agent.toml", config())}, work, 20);
+  EXPECT_EQ(r.status, 1) << r.err;
+  EXPECT_NE(r.err.find("cannot replay " + file("drops.pcap") + ": "), std::string::npos) << r.err;
+}
+
 }  // namespace
