@@ -2,6 +2,7 @@
 
 #include <toml++/toml.h>
 #include <cmath>
+#include <filesystem>
 #include <fstream>
 #include <functional>
 #include <limits>
@@ -439,6 +440,12 @@ bool ConfigFile::parse(std::string const& text, std::string const& file, AgentCo
 }
 
 bool ConfigFile::load(std::string const& file, AgentConfig& config, std::vector<std::string>& errors) {
+  // A device or a pipe would be read for ever (/dev/zero) or block (a FIFO nobody writes).
+  std::error_code ec;
+  if (!std::filesystem::is_regular_file(file, ec)) {
+    errors = {file + ": not a regular file"};
+    return false;
+  }
   std::ifstream in(file);
   if (!in) {
     errors = {file + ": cannot read the configuration file"};

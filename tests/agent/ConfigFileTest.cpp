@@ -29,4 +29,13 @@ TEST(ConfigFileTest, ATableHeaderThatDoesNotStartLikeANameIsRefusedWithItsLine) 
   for (auto const& e : errors) EXPECT_EQ(e.find("table header"), std::string::npos) << e;
 }
 
+TEST(ConfigFileTest, AFileThatIsNoRegularFileIsRefusedRatherThanReadForEver) {
+  for (std::string const file : {"/dev/zero", "/tmp"}) {
+    ModAgent::AgentConfig config;
+    std::vector<std::string> errors;
+    EXPECT_FALSE(ModAgent::ConfigFile::load(file, config, errors));
+    EXPECT_EQ(errors, std::vector<std::string>{file + ": not a regular file"});
+  }
+}
+
 }  // namespace
