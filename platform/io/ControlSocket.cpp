@@ -48,12 +48,13 @@ bool ControlSocket::open(std::string& error) {
     return false;
   }
   unlink(path_.c_str());  // a dead agent's socket; a live agent holds the state directory's lock
+  // The mode comes from the umask at bind: a chmod by path afterwards would follow a symlink put there
+  // meanwhile (a socket path in a directory others can write to).
   mode_t const old = umask(0117);
   bool const bound = bind(listenFd_, reinterpret_cast<sockaddr*>(&addr), sizeof addr) == 0;
   umask(old);
   struct stat st {};
-  if (!bound || chmod(path_.c_str(), 0660) != 0 || stat(path_.c_str(), &st) != 0 ||
-      listen(listenFd_, 16) != 0) {
+  if (!bound || lstat(path_.c_str(), &st) != 0 || !S_ISSOCK(st.st_mode) || listen(listenFd_, 16) != 0) {
     error = "control socket " + path_ + ": " + std::strerror(errno);
     close(listenFd_);
     listenFd_ = -1;
