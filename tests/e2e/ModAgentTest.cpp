@@ -638,9 +638,21 @@ TEST_F(ModAgentTest, DamageFoundWhileRunningEndsTheAgentWithItsOwnStatusAndTheNe
       << agent.err();
   EXPECT_NE(agent.err().find("; stopping (exit status 3"), std::string::npos);
 
-  Program next("mod-agent", {"--config", conf}, work);
+  // The next start says it on stderr, in the trace log (a file this time) and in the ring trace.
+  std::string const log = file("agent.log");
+  std::string const withLog =
+      config("max", "t1", "active_interval = 0.2\ninactive_timeout = 60\n") + "output = \"" + log + "\"\n";
+  Program next("mod-agent", {"--config", write("next.toml", withLog)}, work);
   ASSERT_TRUE(next.waitForErr("started: feature on", 10)) << next.err();
   EXPECT_NE(next.err().find("table collectorStatus is damaged (bad magic"), std::string::npos) << next.err();
+  std::ifstream in(log);
+  std::string const logged((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
+  EXPECT_NE(logged.find("MOD-Agent 1 [ERROR] table collectorStatus is damaged (bad magic"), std::string::npos)
+      << logged;
+  auto const ring = programRun("modctl", {"--state-dir", state.path(), "trace", "dump"}).out;
+  EXPECT_NE(ring.find("Damaged table set aside: collectorStatus -> " + state.path() + "/damaged-"),
+            std::string::npos)
+      << ring;
   next.signal(SIGTERM);
   EXPECT_EQ(next.wait(10), 0) << next.err();
 }
