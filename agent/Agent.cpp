@@ -281,6 +281,7 @@ void Agent::progress() {
   os << "replaying: " << x.counterReceivedPacket() << " frames, " << host_->reportStatus()->entryCount()
      << " live flows, " << x.counterSentStartReport() << " START and " << x.counterSentStopReport()
      << " STOP reports sent";
+  if (x.counterRefusedFlow() > 0) os << ", " << x.counterRefusedFlow() << " drops of new flows refused";
   say(os.str());
 }
 
@@ -296,8 +297,9 @@ void Agent::summary() const {
   std::ostringstream os;
   os << "summary: frames received " << x.counterReceivedPacket() << ", processed "
      << x.counterProcessedPacket() << ", rejected " << x.counterReceivedPacket() - x.counterProcessedPacket()
-     << "; flows " << x.counterSentStartReport() << "; reports START " << x.counterSentStartReport()
-     << ", STOP " << x.counterSentStopReport() << "; collector bytes " << bytes;
+     << "; flows " << x.counterSentStartReport() << ", flows refused " << x.counterRefusedFlow()
+     << "; reports START " << x.counterSentStartReport() << ", STOP " << x.counterSentStopReport()
+     << "; collector bytes " << bytes;
   if (bytes > 0) os << " (" << collectors.str() << ")";
   say(os.str());
 }

@@ -42,6 +42,9 @@ struct AgentConfig {
   std::string file;  // where it was read from
   std::string stateDir = "/dev/shm/mirror-on-drop";
   std::string controlSocket;  // empty: <stateDir>/mod-agent.sock
+  // The most flows kept at once (0: no cap). About 800 bytes of shared memory each: the default holds a
+  // million flows in about 0.8 GB. Past it, new flows are refused and counted; known ones go on.
+  uint64_t maxFlows = 1000000;
 
   bool mirrorOnDrop = true;  // the chip supports the feature
   bool exactMatch = false;   // the chip has exact-match tables

@@ -121,6 +121,7 @@ void trackersApply(AgentConfig const& c, FT::Config& config) {
 }  // namespace
 
 void configApply(AgentConfig const& c, MirrorOnDrop::FeatureMounts const& m) {
+  m.fcsd->maxFlowsIs(c.maxFlows);
   interfacesApply(c, m);
   if (!c.flowTrackingEnabled) m.config->enabledIs(false);
   trackersApply(c, *m.config);

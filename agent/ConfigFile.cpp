@@ -11,6 +11,7 @@
 #include <sstream>
 #include <string_view>
 
+#include "mirror_on_drop/MirrorOnDropPlugin.h"
 #include "platform/core/Trace.h"
 #include "platform/types/IntfId.h"
 
@@ -20,13 +21,23 @@ namespace {
 
 constexpr size_t kNameMax = 128;  // tracker, exporter and collector names: the collector table's key storage
 
-// Walks one parsed document, collecting errors with their place.
+// Walks one parsed document, collecting errors with their place. Tables are walked in key order, not in
+// the file's, so the errors are put in line order when the walk is done (sorted()).
 class Reader {
  public:
-  Reader(std::string file, std::vector<std::string>& errors) : file_(std::move(file)), errors_(errors) {}
+  explicit Reader(std::string file) : file_(std::move(file)) {}
 
   void error(toml::node const& at, std::string const& key, std::string const& what) {
-    errors_.push_back(file_ + ":" + std::to_string(at.source().begin.line) + ": " + key + ": " + what);
+    size_t const line = at.source().begin.line;
+    found_.emplace_back(line, file_ + ":" + std::to_string(line) + ": " + key + ": " + what);
+  }
+
+  std::vector<std::string> sorted() {
+    std::stable_sort(found_.begin(), found_.end(),
+                     [](auto const& a, auto const& b) { return a.first < b.first; });
+    std::vector<std::string> out;
+    for (auto& f : found_) out.push_back(std::move(f.second));
+    return out;
   }
 
   // Each key of the table in turn, with its dotted path; keys not in known are errors.
@@ -169,7 +180,7 @@ class Reader {
   }
 
   std::string file_;
-  std::vector<std::string>& errors_;
+  std::vector<std::pair<size_t, std::string>> found_;  // line, message
 };
 
 using Handlers = std::map<std::string, std::function<void(toml::node const&, std::string const&)>>;
@@ -272,8 +283,13 @@ void documentRead(Reader& r, toml::table const& doc, AgentConfig& c) {
                                 [&](auto const& v, auto const& kk) {
                                   if (auto s = r.string(v, kk)) c.stateDir = *s;
                                 }},
-                               {"control_socket", [&](auto const& v, auto const& kk) {
+                               {"control_socket",
+                                [&](auto const& v, auto const& kk) {
                                   if (auto s = r.string(v, kk)) c.controlSocket = *s;
+                                }},
+                               {"max_flows", [&](auto const& v, auto const& kk) {
+                                  if (auto i = r.integer(v, kk, 0, int64_t(1) << 40))
+                                    c.maxFlows = uint64_t(*i);
                                 }}});
              }
            }},
@@ -372,8 +388,7 @@ void documentRead(Reader& r, toml::table const& doc, AgentConfig& c) {
                                 [&](auto const& v, auto const& kk) {
                                   auto s = r.string(v, kk);
                                   if (!s) return;
-                                  Calyx::TraceRegistry scratch;  // checked, not applied
-                                  std::string const why = scratch.levelsApply(*s);
+                                  std::string const why = ConfigFile::traceLevelsCheck(*s);
                                   if (!why.empty()) return r.error(v, kk, why);
                                   c.traceLevels = *s;
                                 }},
@@ -432,11 +447,21 @@ bool ConfigFile::parse(std::string const& text, std::string const& file, AgentCo
   }
   AgentConfig c;
   c.file = file;
-  Reader r(file, errors);
+  Reader r(file);
   documentRead(r, doc, c);
+  errors = r.sorted();
   if (!errors.empty()) return false;
   config = std::move(c);
   return true;
+}
+
+std::string ConfigFile::traceLevelsCheck(std::string const& setting) {
+  Calyx::TraceRegistry scratch;  // checked, not applied
+  if (std::string why = scratch.levelsApply(setting); !why.empty()) return why;
+  std::string const unknown = MirrorOnDrop::TraceName::unknownIn(setting);
+  if (unknown.empty()) return {};
+  return "unknown trace handle \"" + unknown + "\" (handles: " + MirrorOnDrop::TraceName::list() +
+         ", or * for all)";
 }
 
 bool ConfigFile::load(std::string const& file, AgentConfig& config, std::vector<std::string>& errors) {

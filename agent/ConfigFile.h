@@ -19,6 +19,9 @@ class ConfigFile {
   // The same from text, as if read from a file of that name (tests, and a file already read).
   static bool parse(std::string const& text, std::string const& file, AgentConfig& config,
                     std::vector<std::string>& errors);
+  // A trace level setting ("MOD-Manager=0-4,*=0-1") checked, not applied: its syntax, then that every handle
+  // it names is one the agent has. Empty when good, else what is wrong, naming the item.
+  static std::string traceLevelsCheck(std::string const& setting);
 };
 
 }  // namespace ModAgent

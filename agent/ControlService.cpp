@@ -134,6 +134,7 @@ std::string ControlService::status() const {
           {{"received", x.counterReceivedPacket()},
            {"processed", x.counterProcessedPacket()},
            {"rejected", x.counterReceivedPacket() - x.counterProcessedPacket()},
+           {"refused_flows", x.counterRefusedFlow()},
            {"start_reports", x.counterSentStartReport()},
            {"stop_reports", x.counterSentStopReport()}}}};
   if (auto const& t = holder.hwFtConfig()) {

@@ -4,11 +4,17 @@
 
 #include "agent/Agent.h"
 #include "agent/ConfigFile.h"
+#include "mirror_on_drop/MirrorOnDropPlugin.h"  // the trace handles, for the help
 #include "platform/core/Trace.h"
 
 namespace {
 
 constexpr char const* kVersion = "0.2";
+
+int usage(std::string const& error) {
+  std::cerr << "mod-agent: " << error << "\n(see mod-agent --help)" << std::endl;
+  return 2;
+}
 
 }  // namespace
 
@@ -20,14 +26,20 @@ int main(int argc, char** argv) {
       "mod-agent"};
   std::string configFile, stateDir, trace, plugin;
   bool checkOnly = false;
-  app.add_option("--config", configFile, "the TOML configuration file (see examples/mod-agent.toml)")
-      ->required()
+  // Required, but checked after the parse: an unknown option is the better first thing to say.
+  app.add_option("-c,--config", configFile,
+                 "the TOML configuration file, required (see examples/mod-agent.toml)")
       ->check(CLI::ExistingFile);
   app.add_option("--state-dir", stateDir,
                  "where the shared tables and the ring trace live (overrides the file)");
-  app.add_option("--trace", trace, "trace levels, e.g. \"MOD-Manager=0-4,*=0-1\" (overrides the file)");
+  app.add_option("--trace", trace,
+                 "trace levels, e.g. \"MOD-Manager=0-4,*=0-1\" (overrides the file); handles: " +
+                     MirrorOnDrop::TraceName::list());
   app.add_option("--plugin", plugin,
-                 "the plug-in library (default: libmirror_on_drop.so beside the program)");
+                 "the plug-in library; by default the first found of libmirror_on_drop.so, "
+                 "../mirror_on_drop/libmirror_on_drop.so and ../lib/libmirror_on_drop.so beside the program "
+                 "(here: " +
+                     ModAgent::Agent::pluginDefaultPath() + ")");
   app.add_flag("--check-config", checkOnly, "check the configuration, print every error, and exit");
   app.set_version_flag("--version", std::string("mod-agent ") + kVersion);
   app.footer(
@@ -38,16 +50,13 @@ int main(int argc, char** argv) {
   try {
     app.parse(argc, argv);
   } catch (CLI::ParseError const& e) {
-    int const code = app.exit(e);
-    return e.get_exit_code() == 0 ? code : 2;
+    if (e.get_exit_code() == 0) return app.exit(e);  // --help, --version
+    return usage(e.what());
   }
+  if (configFile.empty()) return usage("a configuration file is required: -c FILE or --config FILE");
   if (!trace.empty()) {
-    Calyx::TraceRegistry scratch;
-    std::string const why = scratch.levelsApply(trace);
-    if (!why.empty()) {
-      std::cerr << "mod-agent: --trace: " << why << std::endl;
-      return 2;
-    }
+    if (std::string const why = ModAgent::ConfigFile::traceLevelsCheck(trace); !why.empty())
+      return usage("--trace: " + why);
   }
 
   // The file, with the command line's overrides; the same on every reload.

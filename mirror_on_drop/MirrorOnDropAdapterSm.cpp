@@ -117,10 +117,12 @@ void AdapterSm::finalize() {
 void AdapterSm::cleanup() {
   MOD_TRACE(trace(), 8, "AdapterSm::cleanup()");
   Detail::TraceManager::Scope scope;
-  auto const flows = configEntryInterfaceSet_;
-  configEntryInterfaceSet_.clear();
-  if (written_) {
-    for (auto const& [flow, set] : flows) configDel(flow);
+  // One flow at a time, each forgotten just before its hardware entry goes: an entry that goes makes room,
+  // and the hardware may then install a waiting entry of a flow still held here, which must still be known.
+  while (!configEntryInterfaceSet_.empty()) {
+    FlowKey const flow = configEntryInterfaceSet_.begin()->first;
+    configEntryInterfaceSet_.erase(configEntryInterfaceSet_.begin());
+    if (written_) configDel(flow);
   }
   emtStatus_->entryDelAll();
 }

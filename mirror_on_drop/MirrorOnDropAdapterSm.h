@@ -16,9 +16,9 @@
 // Invariants (fatal assertions): a flow's addresses are of one family ("af == key.dstIp().af()"), and the
 // hardware never reports installed an entry the adapter did not ask for ("Unexpected missing installed key").
 
-#include <map>
 #include <memory>
 #include <set>
+#include <unordered_map>
 
 #include "mirror_on_drop/MirrorOnDropEmtCommon.h"
 #include "platform/entity/CalyxCentralExactMatchSettings.h"
@@ -86,7 +86,7 @@ class AdapterSm : public Calyx::Object {
   Calyx::Ptr<ExactMatchEntryConfig> emtConfigIpv4_;
   Calyx::Ptr<ExactMatchEntryStatus const> emtStatusIpv6_;
   Calyx::Ptr<ExactMatchEntryConfig> emtConfigIpv6_;
-  std::map<FlowKey, EntryInterfaceSet> configEntryInterfaceSet_;
+  std::unordered_map<FlowKey, EntryInterfaceSet> configEntryInterfaceSet_;  // no order is relied on
   bool written_ = false;  // the hardware holds the entries (exact match was available when last looked at)
   std::unique_ptr<EmtConfigReactor> emtConfigReactor_;
   std::unique_ptr<HwStatusReactor> statusIpv4Reactor_;

@@ -175,7 +175,9 @@ void DispatcherSm::handleProcessedPacket() {
   Emt::Key const& emtKey = exchanger_->emtKey();
   if (!emtConfig_->entry(emtKey)) {
     Report::Key const flow(emtKey.flowKey());
-    if (!reportStatus_->entry(flow)) {
+    bool const newFlow = !reportStatus_->entry(flow);
+    if (!admitted(newFlow, emtKey)) return;
+    if (newFlow) {
       reportStatus_->entryIs(Report::EntryStatus(flow, Report::ReportType::START, exchanger_->report()));
       reportStatus_->entryIntfUpdate(
           Report::Interface::Key(emtKey.intfId()),
@@ -186,6 +188,35 @@ void DispatcherSm::handleProcessedPacket() {
     emtConfig_->entryIs(Emt::EntryConfig(emtKey));
   }
   if (!timerAgeout_->isArmed()) timerAgeout_->timeMinIs(now() + 2 * inactiveTimeout());
+}
+
+// The overload guard: a new flow past the agent's flow cap, or a new pair whose entries the tables have no
+// room for, is counted and leaves no trace in any table or batch; flows already recorded go on as ever. Room
+// is made before anything is written, so a pair is recorded whole or not at all.
+bool DispatcherSm::admitted(bool newFlow, Emt::Key const& emtKey) {
+  uint64_t const maxFlows = mountHolder_->fcsd()->maxFlows();
+  bool const atLimit = newFlow && maxFlows != 0 && reportStatus_->entryCount() >= maxFlows;
+  if (!atLimit && emtConfig_->entryReserve(1) &&
+      (!newFlow || (reportStatus_->entryReserve(1) &&
+                    (reportStatus_->entryIntf(Report::Interface::Key(emtKey.intfId())) ||
+                     reportStatus_->entryIntfReserve(1)))))
+    return true;
+  uint64_t const refused = exchanger_->counterRefusedFlowInc(1);
+  // At most one line a second: a storm of refusals must not become a storm of trace lines.
+  if (now() - refusalTracedAt_ >= 1.0) {
+    refusalTracedAt_ = now();
+    if (atLimit) {
+      MOD_TRACE(trace(), 1,
+                "[ERROR]: refusing new flows: the limit of " << maxFlows << " live flows is reached; "
+                                                             << refused << " drops refused so far.");
+    } else {
+      MOD_TRACE(trace(), 1,
+                "[ERROR]: refusing new flows: no room left in shared memory (" << reportStatus_->entryCount()
+                                                                               << " flows held); " << refused
+                                                                               << " drops refused so far.");
+    }
+  }
+  return false;
 }
 
 void DispatcherSm::handleTimerReportTimeMin() {

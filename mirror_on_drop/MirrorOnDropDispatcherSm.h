@@ -17,6 +17,12 @@
 // interface without a counter stays, and every interface on which the flow had an entry is counted down
 // although only the first one was counted up.
 //
+// Overload guard (the agent's, beyond the feature's own rules): a new flow is refused while the holder's
+// fcsd caps the live flows (maxFlows) and the cap is reached, and any new pair when the shared tables cannot
+// grow (a full tmpfs). A refused drop changes no table, no batch and no timer; it is counted
+// (Exchanger::counterRefusedFlow) and traced at level 1 at most once a second. Room comes back as flows are
+// stopped.
+//
 // Turn-off: the manager raises isTogglingFeatureOff; the dispatcher drops the receiver, ages every flow out
 // and pulses isToggleFeatureOffReady once the last STOP has gone (at once when there is no flow). A tracker
 // change replaces the sender (and, when it cancels a turn-off, brings the receiver back); flows, batches and
@@ -137,6 +143,9 @@ class DispatcherSm : public Calyx::Object {
   void senderSmMake();
   // The receiver over the packet-access manager's wishes and the holder's modules.
   void receiverSmMake();
+  // Whether a drop of a pair not yet recorded may be recorded (newFlow: its flow is not known either); a
+  // refusal is counted and traced.
+  bool admitted(bool newFlow, Emt::Key const& emtKey);
   // Takes the announced key off the head batch of queue, dequeuing the batch once it is empty.
   void headBatchKeyDel(Report::Outbox& queue, Report::Key const& key);
 
@@ -157,6 +166,7 @@ class DispatcherSm : public Calyx::Object {
   Calyx::Ptr<ReceiverSm> receiverSm_;
   std::unique_ptr<TimerReactor> timerReactor_;
   std::unique_ptr<ExchangerReactor> exchangerReactor_;
+  double refusalTracedAt_ = -Calyx::kNever;  // when a refusal was last traced
 };
 
 }  // namespace MirrorOnDrop

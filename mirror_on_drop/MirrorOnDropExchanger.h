@@ -89,6 +89,10 @@ class Exchanger : public Calyx::Object, public Calyx::Notifier<Exchanger> {
   uint64_t counterReceivedPacket() const { return counterReceivedPacket_; }
   void counterReceivedPacketIs(uint64_t v) { counterReceivedPacket_ = v; }  // a statistic: never notifies
   uint64_t counterReceivedPacketInc(uint64_t n) { return counterReceivedPacket_ += n; }
+  // Drops the dispatcher could not record (a new flow past the agent's flow cap, or no room left in shared
+  // memory): a statistic that never notifies.
+  uint64_t counterRefusedFlow() const { return counterRefusedFlow_; }
+  uint64_t counterRefusedFlowInc(uint64_t n) { return counterRefusedFlow_ += n; }
   uint64_t counterProcessedPacket() const { return counterProcessedPacket_; }
   void counterProcessedPacketIs(uint64_t v) {
     attributeIs(counterProcessedPacket_, v, &Reactor::handleCounterProcessedPacket);
@@ -137,6 +141,7 @@ class Exchanger : public Calyx::Object, public Calyx::Notifier<Exchanger> {
   Report::Report report_;
   uint64_t counterReceivedPacket_ = 0;
   uint64_t counterProcessedPacket_ = 0;
+  uint64_t counterRefusedFlow_ = 0;
   double timerReportTimeMin_ = 0.0;
   Report::Key reportKey_;
   uint64_t counterSentStartReport_ = 0;

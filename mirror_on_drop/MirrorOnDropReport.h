@@ -141,6 +141,8 @@ class Status : public Calyx::Object {
   void entryDelAll() { entry_->entryDelAll(); }
   EntryStatus const* entry(Key const& k) const { return entry_->entry(k); }
   size_t entryCount() const { return entry_->entryCount(); }
+  // Room for n more entries, growing the table now if need be; false when it cannot grow.
+  bool entryReserve(size_t n) { return entry_->entryReserve(n); }
 
   bool entryIntfIs(Interface::Entry const& e) { return entryIntf_->entryIs(e); }
   // Find-or-create for in-place change: the interface's counter (countReport 0 when it has none) is changed
@@ -154,6 +156,7 @@ class Status : public Calyx::Object {
   void entryIntfDelAll() { entryIntf_->entryDelAll(); }
   Interface::Entry const* entryIntf(Interface::Key const& k) const { return entryIntf_->entry(k); }
   size_t entryIntfCount() const { return entryIntf_->entryCount(); }
+  bool entryIntfReserve(size_t n) { return entryIntf_->entryReserve(n); }
   // Walk in interface order; a walk survives changes made during it.
   std::optional<Interface::Key> entryIntfFirst() const { return entryIntf_->entryFirst(); }
   std::optional<Interface::Key> entryIntfNext(Interface::Key const& after) const {

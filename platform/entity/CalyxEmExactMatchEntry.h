@@ -12,6 +12,7 @@
 #include <set>
 
 #include "platform/core/Attribute.h"
+#include "platform/types/Hash.h"
 #include "platform/types/IntfId.h"
 #include "platform/types/IpGenAddr.h"
 
@@ -25,6 +26,15 @@ struct ExactMatchKey {
   uint16_t srcPort = 0;
   uint16_t dstPort = 0;
   friend auto operator<=>(ExactMatchKey const&, ExactMatchKey const&) = default;
+  uint32_t hash() const {
+    IncrementalHash h;
+    uint32_t const addresses[2] = {srcIp.hash(), dstIp.hash()};
+    uint16_t const ports[2] = {srcPort, dstPort};
+    h.add8(ipProto);
+    h.add(addresses, sizeof addresses);
+    h.add(ports, sizeof ports);
+    return h.value();
+  }
 };
 
 // On which ingress interfaces the flow is matched.
@@ -75,3 +85,8 @@ class ExactMatchEntryStatus : public Object, public Notifier<ExactMatchEntryStat
 };
 
 }  // namespace Calyx::CalyxEm
+
+template <>
+struct std::hash<Calyx::CalyxEm::ExactMatchKey> {
+  size_t operator()(Calyx::CalyxEm::ExactMatchKey const& k) const noexcept { return k.hash(); }
+};

@@ -12,7 +12,7 @@
 #include <cstdint>
 #include <deque>
 #include <memory>
-#include <map>
+#include <unordered_map>
 
 #include "platform/core/EventLoop.h"
 #include "platform/core/TimerWheel.h"
@@ -66,7 +66,7 @@ class SoftwareExactMatchTable {
   double installDelay_;
   Ptr<TimerWheel> wheel_;
   Ptr<Timer> timer_;
-  std::map<ExactMatchKey, Entry> entries_;
+  std::unordered_map<ExactMatchKey, Entry> entries_;
   std::deque<Queued> pending_;  // waiting for their install delay, in arrival order
   std::deque<Queued> waiting_;  // delay over, no room yet, oldest first
   uint64_t nextTicket_ = 0;

@@ -19,8 +19,12 @@
 // - entry() points into the mapping: the pointer is valid until the next change to the table.
 // - The ordered walk sorts the keys once and keeps them until a new key is added; it is meant for rare walks.
 // - Damage (a header or slot breaking its invariants) goes to the corruption handler and the operation under
-//   way is abandoned. A segment that cannot be published (bad name, state directory, full tmpfs) is a trace
-//   line; the table then carries on in private memory and readers report the file as stale.
+//   way is abandoned. A table that cannot publish at all (bad name, unusable state directory, no room for
+//   its first segment) is a trace line; it then carries on in private memory and readers report the file as
+//   stale.
+// - Growth can fail (a full tmpfs): the table then keeps its segment, refuses keys past its load limit
+//   (entryIs, entryCommit and the update that creates return false; entryReserve tells beforehand), and
+//   tries to grow again at most once a second.
 // - Constructing a table over an existing file loads its entries (state left by an earlier run) into a fresh
 //   segment of the next generation. A file of another layout (version, record sizes) is a trace line and the
 //   table starts empty; a damaged file goes to the corruption handler (told atOpen, with the file still at
@@ -32,6 +36,7 @@
 //   and reads as absent.
 
 #include <algorithm>
+#include <chrono>
 #include <concepts>
 #include <cstddef>
 #include <cstdint>
@@ -99,19 +104,21 @@ class SharedTable : public Object, public Notifier<SharedTable<K, V>> {
     return true;
   }
 
-  // Publishes v under its key whether or not it changed (counters updated in place), and notifies.
-  void entryCommit(V const& v) {
+  // Publishes v under its key whether or not it changed (counters updated in place), and notifies. False when
+  // it could not be stored.
+  bool entryCommit(V const& v) {
     K const key = v.key();
     uint64_t const h = hashOf(key);
     Probe p;
-    if (!headerSound() || !probe(key, h, p)) return;
+    if (!headerSound() || !probe(key, h, p)) return false;
     if (p.found) {
       writeValue(p.index, v);
     } else if (!insert(key, h, v, p)) {
-      return;
+      return false;
     }
     publishCounts();
     this->notify(&Reactor::handleEntry, key);
+    return true;
   }
 
   // In-place update of an existing entry, for counters: change(V&) edits a copy of the stored value, which is
@@ -130,15 +137,14 @@ class SharedTable : public Object, public Notifier<SharedTable<K, V>> {
   }
 
   // The same for a counter that may not exist yet: when key has no entry, change edits the value make()
-  // gives, which is then inserted. False only when the table is damaged.
+  // gives, which is then inserted. False when the table is damaged or has no room for the new entry.
   template <class F, class M>
   bool entryUpdate(K const& key, F&& change, M&& make) {
     if (entryUpdate(key, change)) return true;
     if (!headerSound()) return false;
     V v = make();
     change(v);
-    entryCommit(v);
-    return true;
+    return entryCommit(v);
   }
 
   // Publishes the entry of key as it stands and notifies; nothing when key has no entry.
@@ -175,6 +181,12 @@ class SharedTable : public Object, public Notifier<SharedTable<K, V>> {
       this->notify(&Reactor::handleEntry, key);
     }
   }
+
+  // Makes sure that n more keys can be added without growing the segment, growing it now if need be. False
+  // when the table cannot grow (no memory for a larger segment, e.g. a full tmpfs): the table stays as it is,
+  // and the next attempt to grow waits a second, so that a full tmpfs costs one failed attempt a second
+  // rather than one per new key.
+  bool entryReserve(size_t n) { return headerSound() && roomFor(n); }
 
   V const* entry(K const& key) const {
     Probe p;
@@ -340,9 +352,11 @@ class SharedTable : public Object, public Notifier<SharedTable<K, V>> {
 
   bool insert(K const& key, uint64_t h, V const& v, Probe p) {
     bool const intoFree = p.index == kNone || stateAt(p.index) == kFree;
-    if (intoFree && (used_ + deleted_ + 1) * 4 > capacity_ * 3) {
-      rehash(capacityFor(used_ + 1));
-      if (!probe(key, h, p)) return false;
+    if (intoFree) {
+      uint64_t const generation = generation_;
+      if (!roomFor(1)) return false;
+      // Growing moved every key: find this one's place again.
+      if (generation_ != generation && !probe(key, h, p)) return false;
     }
     if (stateAt(p.index) == kDeleted) --deleted_;
     writeSlot(p.index, h, key, v);
@@ -389,7 +403,7 @@ class SharedTable : public Object, public Notifier<SharedTable<K, V>> {
       }
     }
     bool const sparse = capacity_ > initialCapacity_ && used_ * 8 < capacity_;
-    if (sparse || deleted_ * 2 > capacity_) rehash(capacityFor(used_));
+    if (sparse || deleted_ * 2 > capacity_) rehashPaced(capacityFor(used_));
     publishCounts();
   }
 
@@ -415,18 +429,33 @@ class SharedTable : public Object, public Notifier<SharedTable<K, V>> {
     return false;
   }
 
-  // A new segment file under the temporary name, or private memory once publishing has failed.
+  // A new segment file under the temporary name, or private memory when the table is not published. Unmapped,
+  // after a trace line, when neither can be had.
   SharedSegment makeSegment(uint64_t capacity, uint64_t generation) {
     std::string error;
-    if (published_) {
-      SharedSegment s = SharedSegment::create(tmpPath_, geometry(capacity), generation, error);
-      if (s.mapped()) return s;
-      trace(error + "; the table goes on in private memory");
-      published_ = false;
-    }
-    SharedSegment s = SharedSegment::createPrivate(geometry(capacity), generation, error);
-    if (!s.mapped()) throw std::bad_alloc();
+    SharedSegment s = published_ ? SharedSegment::create(tmpPath_, geometry(capacity), generation, error)
+                                 : SharedSegment::createPrivate(geometry(capacity), generation, error);
+    if (!s.mapped()) trace(error);
     return s;
+  }
+
+  // True when n more keys fit below the load limit, after growing the segment if need be.
+  bool roomFor(size_t n) {
+    return (used_ + deleted_ + n) * 4 <= capacity_ * 3 || rehashPaced(capacityFor(used_ + n));
+  }
+
+  // A rehash, tried at most once a second after one failed for want of memory.
+  bool rehashPaced(size_t capacity) {
+    auto const now = std::chrono::steady_clock::now();
+    if (rehashFailedAt_ && now - *rehashFailedAt_ < std::chrono::seconds(1)) return false;
+    if (rehash(capacity)) {
+      rehashFailedAt_.reset();
+      return true;
+    }
+    rehashFailedAt_ = now;
+    trace("cannot make a segment of " + std::to_string(capacity) + " slots; the table stays at " +
+          std::to_string(capacity_) + " slots and refuses new keys past three quarters of them");
+    return false;
   }
 
   // Makes fresh the table's segment. Its file stays under the temporary name until publish().
@@ -450,9 +479,11 @@ class SharedTable : public Object, public Notifier<SharedTable<K, V>> {
       Seqlock::store(previous.header().retired, uint32_t{1}, std::memory_order_release);
   }
 
-  // Moves every entry into a new segment of the given capacity, dropping deleted slots.
-  void rehash(size_t capacity) {
+  // Moves every entry into a new segment of the given capacity, dropping deleted slots; false, with the table
+  // unchanged, when no segment of that size can be had.
+  bool rehash(size_t capacity) {
     SharedSegment fresh = makeSegment(capacity, generation_ + 1);
+    if (!fresh.mapped()) return false;
     std::byte* const to = fresh.slots();
     size_t const mask = capacity - 1;
     for (size_t i = 0; i < capacity_; ++i) {
@@ -470,6 +501,7 @@ class SharedTable : public Object, public Notifier<SharedTable<K, V>> {
     fresh.header().count = used_;
     fresh.header().commitSequence = commitSequence_;
     publish(adopt(std::move(fresh)));
+    return true;
   }
 
   void open() {
@@ -477,7 +509,15 @@ class SharedTable : public Object, public Notifier<SharedTable<K, V>> {
     std::vector<V> loaded;
     uint64_t generation = 0;
     if (published_) loadPrevious(previous, loaded, generation);
-    adopt(makeSegment(capacityFor(loaded.size()), generation + 1));
+    SharedSegment fresh = makeSegment(capacityFor(loaded.size()), generation + 1);
+    if (!fresh.mapped() && published_) {
+      // No room for the file (a full tmpfs): the table works in private memory, and readers see none.
+      trace("the table goes on in private memory");
+      published_ = false;
+      fresh = makeSegment(capacityFor(loaded.size()), generation + 1);
+    }
+    if (!fresh.mapped()) throw std::bad_alloc();
+    adopt(std::move(fresh));
     for (V const& v : loaded) {
       K const key = v.key();
       uint64_t const h = hashOf(key);
@@ -590,6 +630,7 @@ class SharedTable : public Object, public Notifier<SharedTable<K, V>> {
   std::string const tmpPath_;
   size_t const initialCapacity_;
   bool published_ = false;
+  std::optional<std::chrono::steady_clock::time_point> rehashFailedAt_;  // the last rehash that failed
 
   SharedSegment seg_;
   std::byte* slots_ = nullptr;

@@ -114,6 +114,15 @@ TEST_F(AdapterSmTest, EntriesPastTheCapacityWaitForRoom) {
   EXPECT_EQ(hw4->waitingCount(), 0u);
   EXPECT_EQ(p.emtStatus->entryCount(), 2u);
   p.emtStatus->forEachEntry([](Emt::EntryStatus const& e) { EXPECT_TRUE(e.isInstalled()) << e.key(); });
+  // An adapter that goes while an entry waits: each entry it takes out makes room, and the hardware installs
+  // the waiting one, whose flow the adapter must still know at that moment.
+  p.drop(FeaturePipeline::kIntfA, {FeaturePipeline::frame(4, 4)});
+  p.loop->runFor(0.1);
+  ASSERT_EQ(hw4->waitingCount(), 1u);
+  adapter = nullptr;
+  EXPECT_EQ(config4->configCount(), 0u);
+  EXPECT_EQ(hw4->installedCount() + hw4->waitingCount(), 0u);
+  EXPECT_EQ(p.emtStatus->entryCount(), 0u);
 }
 
 TEST_F(AdapterSmTest, QuickChangesAndARestartLeaveNoStrayHardwareEntries) {

@@ -319,6 +319,40 @@ TEST_F(DispatcherSmTest, DropStormOfTenThousandFlows) {
   EXPECT_EQ(p.emtConfig->entryCount(), 0u);
 }
 
+// The agent's overload guard: past maxFlows a drop of a new flow is counted and leaves nothing behind, known
+// flows go on (also on another interface), and room comes back as flows are stopped.
+TEST_F(DispatcherSmTest, PastTheFlowCapNewFlowsAreRefusedAndCountedUntilFlowsAreStopped) {
+  Calyx::Test::TraceCapture trace("MOD-Dispatcher", 1u << 1);
+  p.fcsd->maxFlowsIs(2);
+  start();
+  p.drop(FeaturePipeline::kIntfA, {FeaturePipeline::frame(1, 1), FeaturePipeline::frame(2, 2),
+                                   FeaturePipeline::frame(3, 3), FeaturePipeline::frame(4, 4)});
+  EXPECT_EQ(x().counterRefusedFlow(), 2u);
+  EXPECT_EQ(p.reportStatus->entryCount(), 2u);
+  EXPECT_EQ(p.reportStatus->entry(FeaturePipeline::flow(3)), nullptr);
+  EXPECT_EQ(p.emtConfig->entryCount(), 2u);
+  EXPECT_EQ(intfCount(FeaturePipeline::kIntfA), 2);
+  EXPECT_EQ(p.dispatcher->reportStartEntryOutboxActive()->count(), 2u);
+  // A known flow on another interface is not a new flow: its pair is recorded.
+  p.drop(FeaturePipeline::kIntfB, {FeaturePipeline::frame(1, 5)});
+  EXPECT_EQ(p.emtConfig->entryCount(), 3u);
+  EXPECT_EQ(x().counterRefusedFlow(), 2u);
+  // Refusals within a second make one line.
+  auto const refusals = trace.lines(1);
+  ASSERT_EQ(refusals.size(), 1u);
+  EXPECT_NE(refusals[0].find("[ERROR]: refusing new flows: the limit of 2 live flows is reached; 1 drops"),
+            std::string::npos)
+      << refusals[0];
+
+  p.loop->runFor(10.1);  // both accepted flows get their START and STOP; the refused ones get nothing
+  EXPECT_EQ(count(Report::ReportType::START), 2u);
+  EXPECT_EQ(count(Report::ReportType::STOP), 2u);
+  EXPECT_EQ(p.reportStatus->entryCount(), 0u);
+  p.drop(FeaturePipeline::kIntfA, {FeaturePipeline::frame(3, 6)});  // room again
+  EXPECT_NE(p.reportStatus->entry(FeaturePipeline::flow(3)), nullptr);
+  EXPECT_EQ(x().counterRefusedFlow(), 2u);
+}
+
 TEST(MountHolderTest, TheFeatureTimerNeedsTheActivityManager) {
   EXPECT_DEATH(Constant::Timer::activityClock(), "No activity manager");
 }

@@ -99,6 +99,35 @@ void writeTransport(DropFlow const& flow, uint8_t* p, size_t l4Bytes) {
   put16(p + 18, 0);
 }
 
+// The one's-complement sum of big-endian 16-bit words, an odd last byte padded with zero.
+uint32_t onesSum(uint8_t const* p, size_t n, uint32_t sum = 0) {
+  for (size_t i = 0; i + 1 < n; i += 2) sum += uint32_t(p[i]) << 8 | p[i + 1];
+  if (n % 2) sum += uint32_t(p[n - 1]) << 8;
+  return sum;
+}
+
+// The TCP or UDP checksum over the pseudo-header and the whole segment, as the sender computed it before the
+// chip cut the frame (so that a decoder that checks it finds the dropped packet as it was sent).
+void transportChecksumFill(DropFlow const& flow, uint8_t* l4, size_t l4Bytes) {
+  uint8_t* const field = l4 + (flow.ipProto == 17 ? 6 : 16);
+  put16(field, 0);
+  bool const v6 = flow.srcIp.isV6();
+  uint32_t sum = 0;
+  if (v6) {
+    sum = onesSum(flow.srcIp.v6().bytes.data(), 16, sum);
+    sum = onesSum(flow.dstIp.v6().bytes.data(), 16, sum);
+  } else {
+    sum = onesSum(flow.srcIp.v4().bytes.data(), 4, sum);
+    sum = onesSum(flow.dstIp.v4().bytes.data(), 4, sum);
+  }
+  sum += uint32_t(l4Bytes >> 16) + uint32_t(l4Bytes & 0xffff) + flow.ipProto;
+  sum = onesSum(l4, l4Bytes, sum);
+  while (sum >> 16) sum = (sum & 0xffff) + (sum >> 16);
+  uint16_t const checksum = uint16_t(~sum);
+  // UDP sends a computed zero as all ones: zero means "no checksum", which IPv6 forbids.
+  put16(field, checksum == 0 && flow.ipProto == 17 ? 0xffff : checksum);
+}
+
 // The same flow in the other address family, on documentation addresses.
 DropFlow withFamily(DropFlow flow, bool v6) {
   if (flow.srcIp.isV6() == v6 && !flow.srcIp.isNone()) return flow;
@@ -118,6 +147,24 @@ size_t mirroredIpOffset(DropFlow const& flow) {
   return 26 + 4 * flow.vlanTags.size();
 }
 
+// A frame of size bytes: headers, then the payload, then a byte pattern to the end; checksums last.
+std::vector<uint8_t> frameBuild(DropFlow const& flow, size_t size, std::span<uint8_t const> payload) {
+  std::vector<uint8_t> frame(size);
+  uint8_t* ip = writeL2(flow, frame.data());
+  size_t const ipBytes = size - l2Length(flow);
+  if (flow.srcIp.isV6()) {
+    writeIp6(flow, ip, ipBytes);
+  } else {
+    writeIp4(flow, ip, ipBytes);
+  }
+  writeTransport(flow, ip + ipLength(flow), ipBytes - ipLength(flow));
+  size_t const headers = l2Length(flow) + ipLength(flow) + transportLength(flow);
+  std::copy(payload.begin(), payload.end(), frame.begin() + long(headers));
+  for (size_t i = headers + payload.size(); i < size; ++i) frame[i] = uint8_t(i);
+  transportChecksumFill(flow, ip + ipLength(flow), ipBytes - ipLength(flow));
+  return frame;
+}
+
 }  // namespace
 
 std::array<MalformedKind, DropFrameBuilder::kMalformedKinds> const DropFrameBuilder::kAllMalformedKinds = [] {
@@ -131,18 +178,12 @@ size_t DropFrameBuilder::headersLength(DropFlow const& flow) {
 }
 
 std::vector<uint8_t> DropFrameBuilder::droppedFrame(DropFlow const& flow, size_t size) {
-  size = std::min(std::max(size, headersLength(flow)), kMaxFrame);
-  std::vector<uint8_t> frame(size);
-  uint8_t* ip = writeL2(flow, frame.data());
-  size_t const ipBytes = size - l2Length(flow);
-  if (flow.srcIp.isV6()) {
-    writeIp6(flow, ip, ipBytes);
-  } else {
-    writeIp4(flow, ip, ipBytes);
-  }
-  writeTransport(flow, ip + ipLength(flow), ipBytes - ipLength(flow));
-  for (size_t i = headersLength(flow); i < size; ++i) frame[i] = uint8_t(i);
-  return frame;
+  return frameBuild(flow, std::min(std::max(size, headersLength(flow)), kMaxFrame), {});
+}
+
+std::vector<uint8_t> DropFrameBuilder::udpDatagram(DropFlow flow, std::span<uint8_t const> payload) {
+  flow.ipProto = 17;
+  return frameBuild(flow, headersLength(flow) + payload.size(), payload);
 }
 
 std::vector<uint8_t> DropFrameBuilder::mirrored(std::span<uint8_t const> dropped, uint16_t packetSize,

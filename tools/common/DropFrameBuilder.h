@@ -11,8 +11,8 @@
 //
 // The chip writes size and timestamp little-endian and every EtherType big-endian; this mix is deliberate
 // here. The dropped frame is Ethernet, zero to two 802.1Q tags, IPv4 (correct header checksum) or IPv6, a TCP
-// or UDP header, then a byte pattern. Transport checksums are left zero: nothing that reads mirrored frames
-// checks them.
+// or UDP header, then a byte pattern. Transport checksums are those of the whole dropped frame, as its sender
+// computed them before the chip cut it.
 //
 // Malformed frames: one kind for every reason a reader rejects a mirrored frame, each built so that exactly
 // that check is the first to fail (e.g. a wrong IPv4 version comes with a correct checksum).
@@ -73,6 +73,9 @@ class DropFrameBuilder {
   static size_t headersLength(DropFlow const& flow);
   // The dropped frame as it was on the wire (no FCS), max(size, headersLength(flow)) bytes long.
   static std::vector<uint8_t> droppedFrame(DropFlow const& flow, size_t size);
+  // A UDP datagram (whatever the flow's protocol) carrying payload, as an Ethernet frame with correct
+  // checksums: how tools put report packets into a capture file.
+  static std::vector<uint8_t> udpDatagram(DropFlow flow, std::span<uint8_t const> payload);
   // The chip's mirrored copy of a dropped frame (at least 14 bytes): its first cutLength bytes, with the
   // header.
   static std::vector<uint8_t> mirrored(std::span<uint8_t const> dropped, uint16_t packetSize,

@@ -37,11 +37,13 @@ std::string label(std::string const& name, std::string const& value) {
 
 }  // namespace
 
-std::string metricsText(std::optional<Json> const& status, Json const& flows, Json const& interfaces,
-                        Json const& collectors, Json const& exactMatch) {
+std::string metricsText(AgentState state, std::optional<Json> const& status, Json const& flows,
+                        Json const& interfaces, Json const& collectors, Json const& exactMatch) {
   Writer w;
-  w.family("mod_agent_up", "gauge", "1 when mod-agent answered on its control socket.");
-  w.sample("mod_agent_up", status ? 1 : 0);
+  if (state != AgentState::unknown) {
+    w.family("mod_agent_up", "gauge", "1 when mod-agent answered on its control socket.");
+    w.sample("mod_agent_up", state == AgentState::answered ? 1 : 0);
+  }
   if (status) {
     Json const& c = (*status)["counters"];
     w.family("mod_feature_on", "gauge", "1 while the Mirror-on-Drop feature is on.");
@@ -53,6 +55,9 @@ std::string metricsText(std::optional<Json> const& status, Json const& flows, Js
     w.sample("mod_frames_processed_total", c["processed"].get<uint64_t>());
     w.family("mod_frames_rejected_total", "counter", "Mirrored drop frames rejected by the parser.");
     w.sample("mod_frames_rejected_total", c["rejected"].get<uint64_t>());
+    w.family("mod_flows_refused_total", "counter",
+             "Drops of new flows refused: the agent's max_flows was reached or shared memory was full.");
+    w.sample("mod_flows_refused_total", c.value("refused_flows", uint64_t(0)));
     w.family("mod_reports_sent_total", "counter", "Reports sent, each to every collector, by type.");
     w.sample("mod_reports_sent_total", c["start_reports"].get<uint64_t>(), label("type", "start"));
     w.sample("mod_reports_sent_total", c["stop_reports"].get<uint64_t>(), label("type", "stop"));

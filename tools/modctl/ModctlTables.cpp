@@ -50,7 +50,7 @@ Json listed(char const* key, Json rows) {
 
 }  // namespace
 
-std::optional<Json> flowsRead(std::string const& stateDir, size_t limit, std::string& error) {
+std::optional<Json> flowsRead(std::string const& stateDir, std::string& error) {
   std::string const name = TableName::kReportStatus;
   auto flows = snapshot<Report::Key, Report::EntryStatus>(stateDir, name + ".entry", error);
   if (!flows) return std::nullopt;
@@ -61,7 +61,6 @@ std::optional<Json> flowsRead(std::string const& stateDir, size_t limit, std::st
   std::sort(flows->begin(), flows->end(), [](auto const& a, auto const& b) { return a.key() < b.key(); });
   Json rows = Json::array();
   for (auto const& e : *flows) {
-    if (limit > 0 && rows.size() >= limit) break;
     Json j;
     flowFields(j, e.key());
     j["type"] = e.type() == Report::ReportType::STOP ? "STOP" : "START";
@@ -70,9 +69,7 @@ std::optional<Json> flowsRead(std::string const& stateDir, size_t limit, std::st
     j["interfaces"] = interfaces[e.key()];
     rows.push_back(std::move(j));
   }
-  Json doc = listed("flows", std::move(rows));
-  doc["count"] = flows->size();
-  return doc;
+  return listed("flows", std::move(rows));
 }
 
 std::optional<Json> interfacesRead(std::string const& stateDir, std::string& error) {
@@ -123,7 +120,10 @@ std::string tableText(Json const& doc) {
   // The first array in the document is the table; its first row's keys are the columns.
   for (auto const& [key, rows] : doc.items()) {
     if (!rows.is_array()) continue;
-    if (rows.empty()) return "(no " + key + ")\n";
+    size_t const count = doc.value("count", rows.size());
+    size_t const matching = doc.value("matching", count);
+    std::string const inAll = matching < count ? "; " + std::to_string(count) + " in all" : "";
+    if (rows.empty()) return "(no " + key + (matching < count ? " match" : "") + inAll + ")\n";
     std::vector<std::string> columns;
     for (auto const& [c, _] : rows.front().items()) columns.push_back(c);
     std::vector<std::vector<std::string>> cells;
@@ -156,8 +156,12 @@ std::string tableText(Json const& doc) {
       }
       os << "\n";
     }
-    if (doc.contains("count") && doc["count"].get<size_t>() > rows.size())
-      os << "(" << rows.size() << " of " << doc["count"].get<size_t>() << " shown)\n";
+    if (rows.size() < matching) {
+      os << "(" << rows.size() << " of " << matching << (matching < count ? " matching" : "") << " shown"
+         << inAll << ")\n";
+    } else if (matching < count) {
+      os << "(" << matching << " matching" << inAll << ")\n";
+    }
     return os.str();
   }
   return doc.dump(2) + "\n";

@@ -71,6 +71,38 @@ TEST(EventLoopTest, RealLoopDeliversFdReadabilityTimersAndSignals) {
   close(fds[1]);
 }
 
+// Under load neither side starves the other: a task that keeps yielding and a descriptor that stays readable
+// each get exactly one turn per loop turn (the report task and a capture in a storm).
+TEST(EventLoopTest, AYieldingTaskAndADescriptorThatStaysReadableShareEveryTurn) {
+  auto loop = EventLoop::makeReal();
+  int fds[2];
+  ASSERT_EQ(pipe(fds), 0);
+  ASSERT_EQ(write(fds[1], std::string(500, 'x').data(), 500), 500);
+  int reads = 0;
+  auto watch = loop->fdWatch(fds[0], [&] {
+    char c;
+    if (read(fds[0], &c, 1) == 1) ++reads;
+  });
+  struct Busy : Task::Reactor {
+    explicit Busy(Ptr<Task> t) : Reactor(t), task(std::move(t)) {}
+    void handleRun() override {
+      ++runs;
+      task->schedule();  // as a task does when it yields
+    }
+    Ptr<Task> task;
+    int runs = 0;
+  };
+  auto const task = loop->scheduler().taskNew("busy", 3);
+  Busy busy(task);
+  task->schedule();
+  for (int turn = 0; turn < 100; ++turn) loop->runOnce(0.0);
+  EXPECT_EQ(busy.runs, 100);
+  EXPECT_EQ(reads, 100);
+  watch.reset();
+  close(fds[0]);
+  close(fds[1]);
+}
+
 TEST(EventLoopTest, DeferredDeletionRunsAtTheNextTurnInOrder) {
   auto loop = EventLoop::makeSimulated();
   std::vector<int> log;

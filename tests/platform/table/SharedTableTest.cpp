@@ -4,11 +4,12 @@
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <sys/mman.h>
+#include <sys/resource.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
-#include <sys/stat.h>
-
 #include <algorithm>
+#include <csignal>
 #include <fstream>
 #include <memory>
 #include <stdexcept>
@@ -315,6 +316,50 @@ TEST_F(SharedTableTest, TablesWithoutAHandlerReportToTheProcesssHandler) {
   EXPECT_TRUE(heard[0].atOpen);
   EXPECT_EQ(sharedTableCorruptionText(heard[0]),
             "SharedTable t (" + dir.file("t") + ") is corrupted: bad magic 0");
+}
+
+// A file-size limit stands in for a full tmpfs: reserving room for a larger segment fails as it would there.
+class FileSizeLimit {
+ public:
+  explicit FileSizeLimit(rlim_t bytes) : previousHandler_(std::signal(SIGXFSZ, SIG_IGN)) {
+    ::getrlimit(RLIMIT_FSIZE, &previous_);
+    rlimit limited = previous_;
+    limited.rlim_cur = bytes;
+    ::setrlimit(RLIMIT_FSIZE, &limited);
+  }
+  ~FileSizeLimit() {
+    ::setrlimit(RLIMIT_FSIZE, &previous_);
+    std::signal(SIGXFSZ, previousHandler_);
+  }
+
+ private:
+  rlimit previous_{};
+  void (*previousHandler_)(int);
+};
+
+TEST_F(SharedTableTest, WithoutRoomToGrowNewKeysAreRefusedAndTheTableGoesOn) {
+  auto t = open("t", 16);
+  struct stat st {};
+  ASSERT_EQ(::stat(dir.file("t").c_str(), &st), 0);
+  {
+    FileSizeLimit const full(rlim_t(st.st_size));
+    uint64_t n = 0;
+    while (t->entryIs(Value::of(keyOf(n), n))) ++n;
+    EXPECT_EQ(n, 12u);  // three quarters of 16 slots
+    EXPECT_FALSE(t->entryReserve(1));
+    EXPECT_FALSE(t->entryUpdate(
+        keyOf(100), [](Value&) {}, [] { return Value::of(keyOf(100), 100); }));
+    EXPECT_EQ(t->capacity(), 16u);
+    // What it holds stays readable, changeable and published.
+    EXPECT_TRUE(t->entryIs(Value::of(keyOf(3), 33)));
+    EXPECT_EQ(t->entry(keyOf(3))->seq, 33u);
+    EXPECT_TRUE(t->entryDel(keyOf(0)));
+    EXPECT_TRUE(t->entryIs(Value::of(keyOf(200), 200)));  // a freed slot is room again
+    EXPECT_TRUE(t->isPublished());
+    using Reader = SharedTableReader<Key, Value>;
+    EXPECT_EQ(Reader::forTable("t", dir.path()).snapshot().size(), 12u);
+  }
+  EXPECT_TRUE(problems.empty());
 }
 
 TEST_F(SharedTableTest, NameThatIsNoFileNameKeepsTheTableInProcess) {
