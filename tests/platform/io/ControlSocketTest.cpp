@@ -8,34 +8,27 @@
 #include <unistd.h>
 
 #include <stdexcept>
-#include <string>
 
-#include "platform/core/EventLoop.h"
 #include "testkit/TempStateDir.h"
 #include "tests/support/TraceCapture.h"
-
-using namespace Calyx;
 
 namespace {
 
 TEST(ControlSocketTest, AHandlerThatThrowsCostsOneRefusalAndATraceLine) {
   Calyx::Test::TempStateDir dir;
-  Calyx::Test::TraceCapture trace("Calyx-Control", kTraceLevelsAll);
-  auto loop = EventLoop::makeReal();
-  ControlSocket socket(
-      *loop, dir.file("ctl.sock"),
-      [](std::string const& request) -> std::string {
-        if (request == "throw") throw std::out_of_range("no such thing");
-        if (request == "throw-int") throw 7;
-        return "fine: " + request;
-      },
-      [](std::string const& why) { return "refused: " + why; });
+  Calyx::Test::TraceCapture trace("Calyx-Control", Calyx::kTraceLevelsAll);
+  auto loop = Calyx::EventLoop::makeReal();
+  auto const handler = [](std::string const& request) -> std::string {
+    if (request == "throw") throw std::out_of_range("no such thing");
+    if (request == "throw-int") throw 7;
+    return "fine: " + request;
+  };
+  Calyx::ControlSocket socket(*loop, dir.file("ctl.sock"), handler,
+                              [](auto const& why) { return "no: " + why; });
   std::string error;
   ASSERT_TRUE(socket.open(error)) << error;
-
   int const fd = ::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
-  sockaddr_un addr{};
-  addr.sun_family = AF_UNIX;
+  sockaddr_un addr{AF_UNIX, {}};
   std::snprintf(addr.sun_path, sizeof addr.sun_path, "%s", socket.path().c_str());
   ASSERT_EQ(connect(fd, reinterpret_cast<sockaddr*>(&addr), sizeof addr), 0);
   std::string const requests = "throw\nthrow-int\nhello\n";
@@ -48,10 +41,9 @@ TEST(ControlSocketTest, AHandlerThatThrowsCostsOneRefusalAndATraceLine) {
     if (n > 0) in.append(chunk, size_t(n));
   }
   close(fd);
-  EXPECT_EQ(in,
-            "refused: internal error: no such thing\n"
-            "refused: internal error: an exception of unknown type\n"
-            "fine: hello\n");
+  EXPECT_EQ(
+      in,
+      "no: internal error: no such thing\nno: internal error: an exception of unknown type\nfine: hello\n");
   ASSERT_EQ(trace.lines(1).size(), 2u);
   EXPECT_EQ(trace.lines(1)[0], "[ERROR] Control request failed: no such thing; request: throw.");
 }
