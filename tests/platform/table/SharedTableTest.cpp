@@ -13,32 +13,9 @@
 #include <filesystem>
 #include <fstream>
 #include <memory>
-#include <stdexcept>
 #include <vector>
 
 #include "tests/platform/table/TableTestRecords.h"
-
-// A key whose comparison throws on values no writer stores, as a key with a stored length may.
-namespace Picky {
-struct Key {
-  uint64_t n = 0;
-  bool operator==(Key const& o) const {
-    if (n > 1000 || o.n > 1000)
-      throw std::length_error("n " + std::to_string(std::max(n, o.n)) + " out of range");
-    return n == o.n;
-  }
-};
-struct Record {
-  Key k;
-  Key key() const { return k; }
-  bool operator==(Record const& o) const { return k == o.k; }
-};
-}  // namespace Picky
-
-template <>
-struct std::hash<Picky::Key> {
-  size_t operator()(Picky::Key const& k) const noexcept { return k.n; }
-};
 
 namespace Calyx {
 namespace {
@@ -192,27 +169,6 @@ TEST_F(SharedTableTest, DamagedHeaderGoesToTheHandlerAndTheTableStartsAfresh) {
   EXPECT_TRUE(atOpen[0]);
   EXPECT_EQ(t->entryCount(), 0u);
   EXPECT_TRUE(t->entryIs(Value::of(keyOf(2), 2)));
-}
-
-// A record type's own code may throw on bytes no writer produced (a stored length beyond its storage): in
-// the file an earlier run left, that is damage like any other, never an exception out of the constructor.
-TEST_F(SharedTableTest, RecordCodeThatThrowsOnAnEarlierRunsFileIsDamage) {
-  SharedTableOptions o;
-  o.stateDir = dir.path();
-  o.initialCapacity = 16;
-  o.corruptionHandler = [this](SharedTableCorruption const& c) { problems.push_back(c.problem); };
-  auto const table = make<SharedTable<Picky::Key, Picky::Record>>("p", o);
-  table->entryIs(Picky::Record{{5}});
-  // The value's copy of the key, in the one used slot (16-byte slot header, 8-byte key, then the value).
-  std::ifstream in(dir.file("p"), std::ios::binary);
-  std::vector<char> const bytes{std::istreambuf_iterator<char>(in), {}};
-  for (size_t at = 128; at + 32 <= bytes.size(); at += 32) {
-    if (bytes[at + 8] == 1) scribble("p", off_t(at + 24), 5000);
-  }
-  auto const again = make<SharedTable<Picky::Key, Picky::Record>>("p", o);
-  ASSERT_EQ(problems.size(), 1u);
-  EXPECT_NE(problems[0].find("holds a record that cannot be read: n 5000 out of range"), std::string::npos);
-  EXPECT_EQ(again->entryCount(), 0u);
 }
 
 // Whoever could put a symlink where a table's file goes would choose what the writer maps and overwrites:
