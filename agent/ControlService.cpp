@@ -175,14 +175,12 @@ std::string ControlService::traceSet(json const& req) {
     return refusal("handle: " + nameQuoted(handle) + " is not a trace handle name");
   if (levels.find('=') != std::string::npos)
     return refusal("levels: " + nameQuoted(levels) + " is not a level list");
-  auto& registry = Calyx::TraceRegistry::instance();
-  if (handle != "*") {
-    auto const names = registry.names();
-    if (names.size() >= kTraceHandlesMax && !std::binary_search(names.begin(), names.end(), handle))
-      return refusal("handle: no trace handle " + nameQuoted(handle));
-  }
   std::string const setting = handle + "=" + levels;
-  std::string const why = registry.levelsApply(setting);
+  // Only the handles the agent has, as for --trace and the file's levels: a typo is said, not made a handle.
+  if (std::string const unknown = MirrorOnDrop::TraceName::unknownIn(setting); !unknown.empty())
+    return refusal("handle: unknown trace handle " + nameQuoted(unknown) +
+                   " (handles: " + MirrorOnDrop::TraceName::list() + ", or * for all)");
+  std::string const why = Calyx::TraceRegistry::instance().levelsApply(setting);
   if (!why.empty()) return refusal("levels: " + why);
   return line(json{{"ok", true}, {"applied", setting}});
 }

@@ -26,10 +26,6 @@ namespace ModAgent {
 
 class ControlService {
  public:
-  // Trace handles a client may bring into being by naming them (the feature makes its own as it runs, so a
-  // name not seen yet may be one it will use); beyond this, only existing handles can be set.
-  static constexpr size_t kTraceHandlesMax = 128;
-
   // damaged: the tables set aside at start, shown by status; may be null.
   ControlService(Calyx::EventLoop& loop, MirrorOnDrop::FeatureHost const& host, std::string stateDir,
                  DamagedState const* damaged = nullptr);
