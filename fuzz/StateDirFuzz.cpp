@@ -92,8 +92,10 @@ struct TableFile {
       std::memcpy(static_cast<void*>(&v), bytes + at, sizeof v);
       try {
         // A record whose own code refuses it (a stored name too long) cannot be stored by a writer either;
-        // comparing the key first finds out before its hash, which may not throw, is asked for.
-        if (v.key() == v.key()) table->entryIs(v);
+        // comparing the key first finds out before its hash, which may not throw, is asked for. Committed
+        // rather than compared with what is stored: a value's own comparison may read a field no writer set
+        // (a flag that is no boolean), which the agent checks before it compares.
+        if (v.key() == v.key()) table->entryCommit(v);
       } catch (std::exception const&) {
       }
     }
