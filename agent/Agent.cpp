@@ -8,9 +8,11 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
 #include <filesystem>
 #include <iostream>
+#include <map>
 #include <sstream>
 #include <tuple>
 
@@ -18,6 +20,7 @@
 #include "agent/ConfigDiff.h"
 #include "agent/Privileges.h"
 #include "ops/AgentMetrics.h"
+#include "agent/StateDirTrust.h"
 #include "platform/core/RingTrace.h"
 #include "platform/core/Trace.h"
 #include "platform/core/TraceSink.h"
@@ -47,6 +50,38 @@ std::string seconds(double s) {
   std::ostringstream os;
   os << s << " s";
   return os.str();
+}
+
+Calyx::TraceHandle const& agentTrace() {
+  static Calyx::TraceHandle const handle("MOD-Agent");
+  return handle;
+}
+
+// What the loss of each of the feature's tables means, and which tables hold entries of the same flows (one
+// of them set aside takes the others with it, so the fresh tables agree).
+std::map<std::string, std::string> tablesLost() {
+  using namespace MirrorOnDrop::TableName;
+  std::string const report = kReportStatus;
+  return {
+      {report + ".entry", "the flows it held cannot be closed with STOP reports"},
+      {report + ".entryIntf", "the per-interface counts of the flows it held are forgotten"},
+      {kEmtConfig, "the exact-match entries it asked for are forgotten"},
+      {kEmtStatus, "which exact-match entries were installed is read again"},
+      {kCollectorStatus, "the collectors' byte and report counters start again from zero"},
+      {Calyx::HwFlowTracking::StatusStore::kTableName, "the tracker an earlier run had active is forgotten"}};
+}
+
+std::map<std::string, std::vector<std::string>> tablesCompanions() {
+  using namespace MirrorOnDrop::TableName;
+  std::vector<std::string> const flows = {std::string(kReportStatus) + ".entry",
+                                          std::string(kReportStatus) + ".entryIntf", kEmtConfig};
+  std::map<std::string, std::vector<std::string>> out;
+  for (auto const& t : flows) {
+    for (auto const& other : flows) {
+      if (other != t) out[t].push_back(other);
+    }
+  }
+  return out;
 }
 
 }  // namespace
@@ -98,6 +133,7 @@ Agent::~Agent() {
   statusStore_.reset();
   mounts_ = {};
   loop_ = nullptr;
+  Calyx::sharedTableCorruptionHandlerIs({});
   plugin_.reset();  // last: nothing the plug-in made may outlive its code
 }
 
@@ -133,21 +169,25 @@ bool Agent::traceApply(AgentConfig const& c, std::string& error) {
   return true;
 }
 
-bool Agent::start() {
+int Agent::start() {
+  if (std::string const why = stateDirTrust(config_.stateDir); !why.empty()) {
+    say(why);
+    return kExitRefused;
+  }
   std::string error;
   if (!lock_.acquire(config_.stateDir, error)) {
     say(error);
-    return false;
+    return kExitNotStarted;
   }
   if (!stateDirAccessApply(config_.stateDir, config_.group, error)) {
     say(error);
-    return false;
+    return kExitNotStarted;
   }
   // The tables and the tracker status live in the state directory.
   setenv("CALYX_STATE_DIR", config_.stateDir.c_str(), 1);
   if (!traceApply(config_, error)) {
     say(error);
-    return false;
+    return kExitNotStarted;
   }
   if (!Calyx::RingTrace::instance().open(config_.stateDir + "/ring-trace")) {
     say("ring trace stays in memory: " + Calyx::RingTrace::instance().error());
@@ -156,8 +196,10 @@ bool Agent::start() {
                                        MirrorOnDrop::PluginTable::kVersion, error);
   if (!plugin_) {
     say(error);
-    return false;
+    return kExitNotStarted;
   }
+  damaged_ = std::make_unique<DamagedState>(config_.stateDir, tablesLost(), tablesCompanions());
+  Calyx::sharedTableCorruptionHandlerIs([this](Calyx::SharedTableCorruption const& c) { tableCorrupted(c); });
   bool const virtualTime = config_.replaying() && config_.replayClock == ReplayClock::virtualTime;
   loop_ = virtualTime ? Calyx::EventLoop::makeSimulated() : Calyx::EventLoop::makeReal();
   loop_->signalsEnable();
@@ -173,12 +215,13 @@ bool Agent::start() {
   }
   // What an earlier run left of the tracker status is loaded before the manager looks at it.
   statusStore_ = std::make_unique<Calyx::HwFlowTracking::StatusStore>(mounts_.hwStatus);
+  tablesCheck();
   captures_ = std::make_unique<CaptureMonitor>(mounts_.allIntfStatusLocalDir->pamCollection());
   captures_->interfacesIs(config_.replaying() ? std::vector<std::string>{config_.replayInterface}
                                               : config_.interfaces);
   configApply(config_, mounts_);
   host_ = std::make_unique<MirrorOnDrop::FeatureHost>(plugin_->tableAs<MirrorOnDrop::PluginTable>(), mounts_);
-  control_ = std::make_unique<ControlService>(*loop_, *host_, config_.stateDir);
+  control_ = std::make_unique<ControlService>(*loop_, *host_, config_.stateDir, damaged_.get());
   control_->statusExtraIs([this](nlohmann::json& status) { statusAdd(status); });
   std::string const socketPath =
       config_.controlSocket.empty() ? config_.stateDir + "/mod-agent.sock" : config_.controlSocket;
@@ -187,17 +230,61 @@ bool Agent::start() {
     metrics_ = std::make_unique<MetricsServer>(*loop_, [this] { return metricsText(); });
     if (!metrics_->open(config_.metricsListen, error)) {
       say(error);
-      return false;
+      return kExitNotStarted;
     }
   }
   if (!heartbeatStart(error)) {
     say(error);
-    return false;
+    return kExitNotStarted;
   }
   say(std::string("started: feature ") + (host_->featureOn() ? "on" : "off") + ", state directory " +
       config_.stateDir + (config_.replaying() ? ", replaying " + config_.replay : "") +
       (metrics_ ? ", metrics at " + metrics_->url() : ""));
-  return true;
+  return kExitClean;
+}
+
+// The feature's tables opened once before anything uses them: damage in any of them is set aside now, and the
+// tables holding entries of the same flows follow it, whatever the order the feature opens them in.
+void Agent::tablesCheck() {
+  auto const& plugin = plugin_->tableAs<MirrorOnDrop::PluginTable>();
+  using namespace MirrorOnDrop::TableName;
+  auto const report = plugin.reportStatusFactory(kReportStatus);
+  auto const emtConfig = plugin.emtConfigFactory(kEmtConfig);
+  (void)plugin.emtStatusFactory(kEmtStatus);
+  (void)plugin.collectorStatusFactory(kCollectorStatus);
+  std::map<std::string, size_t> const entries = {
+      {report->entryControl()->name(), report->entryCount()},
+      {report->entryIntfControl()->name(), report->entryIntfCount()},
+      {kEmtConfig, emtConfig->entryCount()}};
+  auto const holdsEntries = [&](std::string const& table) {
+    auto const it = entries.find(table);
+    return it == entries.end() || it->second > 0;
+  };
+  for (auto const& d : damaged_->companionsSetAside(holdsEntries))
+    tell(DamagedState::message(d), "Table set aside with a damaged one: " + d.table + " -> " + d.copy);
+}
+
+void Agent::tableCorrupted(Calyx::SharedTableCorruption const& c) {
+  if (c.atOpen && damaged_) {
+    DamagedTable const d = damaged_->setAside(c);
+    tell(DamagedState::message(d), "Damaged table set aside: " + d.table + " -> " + d.copy);
+    return;
+  }
+  // Found while running: the agent stops, as a clean exit with its own status rather than an abort, so that
+  // a supervisor restarts it and the next start sets the table aside. Nothing is torn down: the feature's
+  // state machines must not go on over a table that breaks its invariants.
+  tell(Calyx::sharedTableCorruptionText(c) + "; stopping (exit status " + std::to_string(kExitStateDamaged) +
+           "; the next start sets the table aside)",
+       "Damaged table while running, stopping: " + c.table);
+  std::fflush(nullptr);
+  std::_Exit(kExitStateDamaged);
+}
+
+// An event the operator must hear of: on stderr, in the trace log when that is elsewhere, and in the ring.
+void Agent::tell(std::string const& line, std::string const& ringLine) const {
+  say(line);
+  if (config_.traceOutput != "stderr") CALYX_TRACE(agentTrace(), 1, "[ERROR] " << line << ".");
+  Calyx::RingTrace::instance().record(ringLine);
 }
 
 // The heartbeat: a timerfd the loop watches, on the real clock whatever clock the loop runs on, so that the
@@ -318,15 +405,16 @@ void Agent::statusAdd(nlohmann::json& status) const {
 }
 
 int Agent::run() {
-  if (!start()) return 1;
+  if (int const status = start(); status != kExitClean) return status;
   if (!loop_->isSimulated()) loop_->runOnce(0);  // the captures open on the loop's first turn
   std::string error;
   std::string const reduced = capabilitiesReduce(!config_.replaying(), error);
   if (!error.empty()) say(error);
   if (!reduced.empty()) say("capabilities: " + reduced);
   notify_.ready(statusLine());
+  int status = kExitClean;
   if (loop_->isSimulated()) {
-    runVirtual();
+    status = runVirtual();
   } else {
     loop_->run();
   }
@@ -336,7 +424,7 @@ int Agent::run() {
   metrics_.reset();
   control_.reset();
   host_.reset();
-  return 0;
+  return status;
 }
 
 void Agent::stopAsked(int signo) {
@@ -397,11 +485,17 @@ void Agent::leaveAsKilled() {
   _exit(0);
 }
 
-void Agent::runVirtual() {
+int Agent::runVirtual() {
   Calyx::MonotonicClock wall;
   nextProgress_ = wall.now() + kProgressEvery;
   while (!loop_->isStopped()) {
     loop_->runFor(kVirtualStep);
+    // A capture that cannot be read does not get better while virtual time flies: retrying would go on for
+    // ever.
+    if (std::string const why = replayError(); !why.empty()) {
+      say("cannot replay " + config_.replay + ": " + why);
+      return kExitNotStarted;
+    }
     // Every flow has had its STOP once its report entry is gone. Exact-match entries are not waited for: the
     // STOP bookkeeping removes a flow's entries only on interfaces that still have a flow counter, so an
     // interface whose 16-bit counter wrapped (65,536 flows) leaves entries that nothing removes.
@@ -421,6 +515,15 @@ void Agent::runVirtual() {
       nextProgress_ = wall.now() + kProgressEvery;
     }
   }
+  return kExitClean;
+}
+
+std::string Agent::replayError() const {
+  auto const pam =
+      mounts_.allIntfStatusLocalDir->pamCollection()->intfPam(Calyx::IntfId(config_.replayInterface));
+  auto const* replay = dynamic_cast<Calyx::PcapReplayPam const*>(pam.get());
+  if (!replay || replay->isOpen() || replay->isDone()) return {};
+  return replay->lastError();
 }
 
 bool Agent::replayDone() const {

@@ -20,6 +20,10 @@
 // As a service: READY once the feature is up, STATUS lines, WATCHDOG pings from the event loop
 // (ServiceNotify); the state directory kept to the agent and its group, and only the capability capture needs
 // kept once the captures are open (Privileges); a scrape endpoint when configured (MetricsServer).
+//
+// The state directory is checked before anything in it is used (StateDirTrust). A table found damaged as it
+// is opened is set aside (DamagedState) and the agent starts with a fresh one; damage found while running
+// stops the agent at once with its own exit status, so that the next start sets the table aside.
 
 #include <functional>
 #include <map>
@@ -29,6 +33,7 @@
 #include "agent/AgentConfig.h"
 #include "agent/CaptureMonitor.h"
 #include "agent/ControlService.h"
+#include "agent/DamagedState.h"
 #include "agent/FeatureHost.h"
 #include "agent/MetricsServer.h"
 #include "agent/ServiceNotify.h"
@@ -45,10 +50,19 @@ using ConfigLoader = std::function<bool(std::string const& file, AgentConfig&, s
 
 class Agent {
  public:
+  // mod-agent's exit statuses.
+  static constexpr int kExitClean = 0;         // stopped by a signal (or the replay ended) and torn down
+  static constexpr int kExitNotStarted = 1;    // the plug-in, the state directory's lock or (on the virtual
+                                               // clock) the capture was not to be had
+  static constexpr int kExitRefused = 2;       // a bad command line or configuration, or a state directory
+                                               // others can change
+  static constexpr int kExitStateDamaged = 3;  // a shared table was found damaged while running: the next
+                                               // start sets it aside
+
   Agent(AgentConfig config, std::string pluginPath, ConfigLoader loader);
   ~Agent();
 
-  // The exit status: 0 after a clean tear-down, 1 when the agent could not start.
+  // One of the exit statuses above.
   int run();
 
   // Where the plug-in is looked for when none is given: beside the program, then the build tree's layout.
@@ -59,9 +73,13 @@ class Agent {
   class StopWatch;
   enum class Stop { none, asked, abandoned };
 
-  bool start();
+  int start();
   bool heartbeatStart(std::string& error);
-  void runVirtual();
+  void tablesCheck();
+  void tableCorrupted(Calyx::SharedTableCorruption const& c);
+  void tell(std::string const& line, std::string const& ringLine) const;
+  int runVirtual();
+  std::string replayError() const;
   void reload();
   void stopAsked(int signo);
   void stopGracefully();
@@ -81,6 +99,7 @@ class Agent {
   std::string pluginPath_;
   ConfigLoader loader_;
   StateDirLock lock_;
+  std::unique_ptr<DamagedState> damaged_;
   std::unique_ptr<Calyx::PluginLibrary> plugin_;
   Calyx::Ptr<Calyx::EventLoop> loop_;
   MirrorOnDrop::FeatureMounts mounts_;

@@ -23,7 +23,7 @@ bool StateDirLock::acquire(std::string const& dir, std::string& error) {
     return false;
   }
   std::string const path = dir + "/mod-agent.lock";
-  int fd = open(path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0640);
+  int fd = open(path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC | O_NOFOLLOW, 0640);
   if (fd < 0) {
     error = "cannot open " + path + ": " + std::strerror(errno);
     return false;

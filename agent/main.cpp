@@ -40,6 +40,11 @@ int main(int argc, char** argv) {
                      ModAgent::Agent::pluginDefaultPath() + ")");
   app.add_flag("--check-config", checkOnly, "check the configuration, print every error, and exit");
   app.set_version_flag("--version", std::string("mod-agent ") + MOD_VERSION);
+  app.footer(
+      "Exit status: 0 stopped cleanly; 1 could not start (plug-in, another agent holds the state directory,\n"
+      "or a capture to replay on the virtual clock cannot be read); 2 bad command line or configuration, or\n"
+      "a state directory others can change; 3 a shared table was found damaged while running (the next\n"
+      "start moves it to <state_dir>/damaged-<time>/ and starts afresh).");
   try {
     app.parse(argc, argv);
   } catch (CLI::ParseError const& e) {

@@ -1,5 +1,6 @@
 #include "mirror_on_drop/MirrorOnDropEmtCommon.h"
 
+#include <cstring>
 #include <ostream>
 
 #include "mirror_on_drop/MirrorOnDropValueText.h"
@@ -23,6 +24,16 @@ bool parseBool(std::string_view text, std::string_view name) {
   if (text == "True" || text == "TRUE" || text == "true") return true;
   if (text == "False" || text == "FALSE" || text == "false") return false;
   ValueTextReader::fail(name);
+}
+
+bool keySound(Key const& k, std::string& problem) {
+  using Family = Calyx::IpGenAddr::Family;
+  Family const af = k.srcIp().af();
+  if ((af == Family::ipv4 || af == Family::ipv6) && k.dstIp().af() == af) return true;
+  problem = "flow of source address family " + std::to_string(unsigned(af)) +
+            " and destination address family " + std::to_string(unsigned(k.dstIp().af())) +
+            " (expected both IPv4 or both IPv6)";
+  return false;
 }
 
 }  // namespace
@@ -63,6 +74,20 @@ EntryStatus::EntryStatus(std::string_view text) {
   }
   isInstalled_ = parseBool(r.field("isInstalled"), "isInstalled");
   r.end("isInstalled");
+}
+
+bool EntryConfig::sound(std::string& problem) const {
+  return keySound(key_, problem);
+}
+
+bool EntryStatus::sound(std::string& problem) const {
+  if (!keySound(key_, problem)) return false;
+  // The byte as stored: a bool holding anything but 0 or 1 may not even be read as one.
+  unsigned char stored = 0;
+  std::memcpy(&stored, &isInstalled_, 1);
+  if (stored <= 1) return true;
+  problem = "isInstalled byte " + std::to_string(stored) + " is neither 0 nor 1";
+  return false;
 }
 
 std::string EntryStatus::valueToStrep() const {

@@ -57,6 +57,9 @@ class EntryConfig {
   Key const& key() const { return key_; }
   bool operator==(EntryConfig const& o) const { return key_ == o.key_; }
   std::string valueToStrep() const { return key_.valueToStrep(); }
+  // Checked by the table on every row read back: a flow of one family, IPv4 or IPv6 (the exact-match tables
+  // are per family), as the adapter requires.
+  bool sound(std::string& problem) const;
 
  private:
   Key key_;
@@ -74,6 +77,8 @@ class EntryStatus {
   void isInstalledIs(bool v) { isInstalled_ = v; }
   bool operator==(EntryStatus const& o) const { return key_ == o.key_ && isInstalled_ == o.isInstalled_; }
   std::string valueToStrep() const;
+  // As EntryConfig's, and isInstalled a true boolean.
+  bool sound(std::string& problem) const;
 
  private:
   Key key_;

@@ -34,9 +34,9 @@ inline constexpr char const* kReportStatus = "reportStatus";
 // the feature drives. A handle comes into being when its code first traces, so the registry alone cannot tell
 // a typo from a handle not used yet; level settings are checked against this list instead.
 namespace TraceName {
-inline constexpr std::array<std::string_view, 8> kAll = {"MOD-Manager", "MOD-Dispatcher",  "MOD-Receiver",
-                                                         "MOD-Sender",  "MOD-Adapter",     "Calyx-Pam",
-                                                         "Calyx-Udp",   "Calyx-ExactMatch"};
+inline constexpr std::array<std::string_view, 10> kAll = {
+    "MOD-Manager", "MOD-Dispatcher", "MOD-Receiver",     "MOD-Sender", "MOD-Adapter",
+    "Calyx-Pam",   "Calyx-Udp",      "Calyx-ExactMatch", "MOD-Agent",  "Calyx-Control"};
 
 // The first handle a level setting ("MOD-Manager=0-4,*=0-1") names that is not in kAll, or empty ("*" is
 // always known). A setting that does not parse names nothing: its own error says why.

@@ -34,6 +34,9 @@ void agentFamilies(PrometheusText& w, Json const& status) {
   w.family("mod_reports_sent_total", "counter", "Reports sent, each to every collector, by type.");
   w.sample("mod_reports_sent_total", c["start_reports"].get<uint64_t>(), label("type", "start"));
   w.sample("mod_reports_sent_total", c["stop_reports"].get<uint64_t>(), label("type", "stop"));
+  w.family("mod_state_tables_set_aside_total", "counter",
+           "Shared tables found damaged when the agent started, moved to a damaged-* directory.");
+  w.sample("mod_state_tables_set_aside_total", status.value("damaged_tables", Json::array()).size());
 
   Json const captures = status.value("captures", Json::array());
   w.family("mod_capture_state", "gauge",

@@ -8,8 +8,20 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
+#include <exception>
+
+#include "platform/core/Trace.h"
 
 namespace Calyx {
+
+namespace {
+
+TraceHandle const& controlTrace() {
+  static TraceHandle const handle("Calyx-Control");
+  return handle;
+}
+
+}  // namespace
 
 ControlSocket::ControlSocket(EventLoop& loop, std::string path, Handler handler, Refusal refusal)
     : loop_(loop), path_(std::move(path)), handler_(std::move(handler)), refusal_(std::move(refusal)) {}
@@ -37,12 +49,13 @@ bool ControlSocket::open(std::string& error) {
     return false;
   }
   unlink(path_.c_str());  // a dead agent's socket; a live agent holds the state directory's lock
+  // The mode comes from the umask at bind: a chmod by path afterwards would follow a symlink put there
+  // meanwhile (a socket path in a directory others can write to).
   mode_t const old = umask(0117);
   bool const bound = bind(listenFd_, reinterpret_cast<sockaddr*>(&addr), sizeof addr) == 0;
   umask(old);
   struct stat st {};
-  if (!bound || chmod(path_.c_str(), 0660) != 0 || stat(path_.c_str(), &st) != 0 ||
-      listen(listenFd_, 16) != 0) {
+  if (!bound || lstat(path_.c_str(), &st) != 0 || !S_ISSOCK(st.st_mode) || listen(listenFd_, 16) != 0) {
     error = "control socket " + path_ + ": " + std::strerror(errno);
     close(listenFd_);
     listenFd_ = -1;
@@ -101,7 +114,27 @@ void ControlSocket::readable(int fd) {
   for (size_t nl; (nl = it->second.in.find('\n')) != std::string::npos;) {
     std::string const line = it->second.in.substr(0, nl);
     it->second.in.erase(0, nl + 1);
-    if (!send(fd, handler_(line))) return drop(fd);
+    if (!send(fd, reply(line))) return drop(fd);
+  }
+}
+
+// The one place every request passes: whatever the handler throws becomes a refusal and a trace line, so no
+// request can end the process.
+std::string ControlSocket::reply(std::string const& line) {
+  std::string what;
+  try {
+    return handler_(line);
+  } catch (std::exception const& e) {
+    what = e.what();
+  } catch (...) {
+    what = "an exception of unknown type";
+  }
+  CALYX_TRACE(controlTrace(), 1,
+              "[ERROR] Control request failed: " << what << "; request: " << line.substr(0, 200) << ".");
+  try {
+    return refusal_("internal error: " + what);
+  } catch (...) {
+    return R"({"ok": false, "error": "internal error"})";
   }
 }
 

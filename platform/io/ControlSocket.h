@@ -9,6 +9,8 @@
 // The socket file is made with mode 0660; a peer is served when it is root, the socket's owner or in the
 // socket's group, as its primary or a supplementary group (its credentials as the kernel gives them), and
 // refused with one line otherwise.
+// - a handler that throws gets its client the refusal "internal error: ..." and a trace line on
+//   "Calyx-Control" (level 1); the loop goes on.
 
 #include <sys/types.h>
 
@@ -50,6 +52,7 @@ class ControlSocket {
   void readable(int fd);
   void drop(int fd);
   bool send(int fd, std::string const& line);
+  std::string reply(std::string const& line);
   bool allowed(int fd) const;
 
   EventLoop& loop_;

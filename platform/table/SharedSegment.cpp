@@ -54,7 +54,7 @@ void SharedSegment::identify(int fd) {
 
 bool SharedSegment::isFileAt(std::string const& path) const {
   struct stat st {};
-  if (!isFile_ || ::stat(path.c_str(), &st) != 0) return false;
+  if (!isFile_ || ::lstat(path.c_str(), &st) != 0) return false;
   return st.st_dev == device_ && st.st_ino == inode_;
 }
 
@@ -83,7 +83,7 @@ void SharedSegment::initHeader(SegmentGeometry const& g, uint64_t generation) {
 
 SharedSegment SharedSegment::create(std::string const& path, SegmentGeometry const& g, uint64_t generation,
                                     std::string& error) {
-  Fd f{::open(path.c_str(), O_RDWR | O_CREAT | O_TRUNC | O_CLOEXEC, 0640)};
+  Fd f{::open(path.c_str(), O_RDWR | O_CREAT | O_TRUNC | O_CLOEXEC | O_NOFOLLOW, 0640)};
   if (f.fd < 0) {
     error = sysError("cannot create", path, errno);
     return {};
@@ -137,7 +137,8 @@ bool SharedSegment::replaceFile(std::string const& from, std::string const& to, 
 SharedSegment::OpenResult SharedSegment::open(std::string const& path, bool writable, SharedSegment& out,
                                               std::string& error) {
   out.unmap();
-  Fd f{::open(path.c_str(), (writable ? O_RDWR : O_RDONLY) | O_CLOEXEC)};
+  // Never through a symlink: whoever could plant one would choose what a writer maps and overwrites.
+  Fd f{::open(path.c_str(), (writable ? O_RDWR : O_RDONLY) | O_CLOEXEC | O_NOFOLLOW)};
   if (f.fd < 0) {
     int const err = errno;
     error = sysError("cannot open", path, err);

@@ -32,7 +32,8 @@ class SharedSegment {
                               std::string& error);
   // The same in anonymous private memory.
   static SharedSegment createPrivate(SegmentGeometry const& g, uint64_t generation, std::string& error);
-  // An existing file, whole: read-write for a writer re-opening it, read-only for readers.
+  // An existing file, whole: read-write for a writer re-opening it, read-only for readers. A symlink at path
+  // is not followed (failed, ELOOP); files are created the same way.
   static OpenResult open(std::string const& path, bool writable, SharedSegment& out, std::string& error);
 
   // File-system steps of publishing: the state directory (made when missing, one level) and the atomic

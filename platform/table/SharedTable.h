@@ -27,8 +27,8 @@
 //   tries to grow again at most once a second.
 // - Constructing a table over an existing file loads its entries (state left by an earlier run) into a fresh
 //   segment of the next generation. A file of another layout (version, record sizes) is a trace line and the
-//   table starts empty; a damaged file goes to the corruption handler and, if that returns, the table starts
-//   empty.
+//   table starts empty; a damaged file goes to the corruption handler (told atOpen, with the file still at
+//   its path) and, if that returns, the table starts empty. The file is opened without following a symlink.
 // - A value type may declare `bool sound(std::string& problem) const`: every record read back from the
 // segment
 //   (a lookup, an in-place update, the load of an earlier run's file) is checked with it before use, because
@@ -41,6 +41,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <cstring>
+#include <exception>
 #include <functional>
 #include <new>
 #include <optional>
@@ -281,12 +282,12 @@ class SharedTable : public Object, public Notifier<SharedTable<K, V>> {
     return *std::launder(reinterpret_cast<V const*>(slotAt(i) + kValueOffset));
   }
 
-  void corrupt(std::string problem) const {
-    SharedTableCorruption const c{name_, path_, std::move(problem)};
+  void corrupt(std::string problem, bool atOpen = false) const {
+    SharedTableCorruption const c{name_, path_, std::move(problem), atOpen};
     if (options_.corruptionHandler) {
       options_.corruptionHandler(c);
     } else {
-      sharedTableCorruptionStop(c);
+      sharedTableCorruptionReport(c);
     }
   }
   void trace(std::string const& line) const { sharedTableTrace(name_, line); }
@@ -572,7 +573,7 @@ class SharedTable : public Object, public Notifier<SharedTable<K, V>> {
         trace(problem + "; starting afresh");
         return;
       case SharedSegment::OpenResult::tooShort:
-        corrupt(problem);
+        corrupt(problem, true);
         trace("starting afresh");
         return;
       case SharedSegment::OpenResult::ok:
@@ -582,22 +583,34 @@ class SharedTable : public Object, public Notifier<SharedTable<K, V>> {
         checkSegmentHeader(previous.header(), previous.bytes(), sizeof(K), sizeof(V), problem);
     if (check == HeaderCheck::incompatible)
       trace(path_ + " has another layout: " + problem + "; starting afresh");
-    if (check == HeaderCheck::damaged) corrupt(problem);
+    if (check == HeaderCheck::damaged) corrupt(problem, true);
     if (check == HeaderCheck::ok && loadSlots(previous, loaded, problem)) {
       generation = previous.header().generation;
       return;
     }
-    if (check == HeaderCheck::ok) corrupt(problem);
+    if (check == HeaderCheck::ok) corrupt(problem, true);
     if (check != HeaderCheck::incompatible) trace("starting afresh");
     loaded.clear();
     previous.unmap();
   }
 
   // False with problem set when a slot is damaged. A slot left half-written by a writer that died is dropped.
+  // The records' own code (comparison, hash, sound) may throw on bytes no writer produced: that is damage
+  // too.
   bool loadSlots(SharedSegment const& previous, std::vector<V>& loaded, std::string& problem) const {
+    size_t i = 0;
+    try {
+      return loadSlotsFrom(previous, loaded, problem, i);
+    } catch (std::exception const& e) {
+      problem = "slot " + std::to_string(i) + " holds a record that cannot be read: " + e.what();
+      return false;
+    }
+  }
+  bool loadSlotsFrom(SharedSegment const& previous, std::vector<V>& loaded, std::string& problem,
+                     size_t& i) const {
     SegmentHeader const& h = previous.header();
     std::unordered_set<K> seen;
-    for (size_t i = 0; i < h.capacity; ++i) {
+    for (i = 0; i < h.capacity; ++i) {
       std::byte const* slot = previous.slots() + i * kSlotSize;
       auto const& s = *reinterpret_cast<SlotHeader const*>(slot);
       if (s.state >= kSlotStateLimit) {

@@ -5,11 +5,34 @@
 
 namespace Calyx {
 
+std::string sharedTableCorruptionText(SharedTableCorruption const& c) {
+  return "SharedTable " + c.table + " (" + c.path + ") is corrupted: " + c.problem;
+}
+
 void sharedTableCorruptionStop(SharedTableCorruption const& c) {
-  std::fprintf(stderr, "SharedTable %s (%s) is corrupted: %s; stopping\n", c.table.c_str(), c.path.c_str(),
-               c.problem.c_str());
+  std::fprintf(stderr, "%s; stopping\n", sharedTableCorruptionText(c).c_str());
   std::fflush(stderr);
   std::abort();
+}
+
+namespace {
+
+SharedTableCorruptionHandler& processHandler() {
+  static auto* const handler = new SharedTableCorruptionHandler;  // never destroyed: tables may outlive main
+  return *handler;
+}
+
+}  // namespace
+
+void sharedTableCorruptionHandlerIs(SharedTableCorruptionHandler handler) {
+  processHandler() = std::move(handler);
+}
+
+void sharedTableCorruptionReport(SharedTableCorruption const& c) {
+  // A copy: the handler may replace itself.
+  SharedTableCorruptionHandler const handler = processHandler();
+  if (handler) return handler(c);
+  sharedTableCorruptionStop(c);
 }
 
 std::string sharedTableDefaultStateDir() {

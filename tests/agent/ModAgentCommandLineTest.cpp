@@ -28,7 +28,8 @@ TEST(ModAgentCommandLineTest, EveryCommandLineIsCheckedAndEveryErrorNamed) {
   for (std::string const line :
        {":2: trace.levels: unknown trace handle \"Nosuch\" (handles: MOD-Manager, MOD-Dispatcher, "
         "MOD-Receiver, "
-        "MOD-Sender, MOD-Adapter, Calyx-Pam, Calyx-Udp, Calyx-ExactMatch, or * for all)",
+        "MOD-Sender, MOD-Adapter, Calyx-Pam, Calyx-Udp, Calyx-ExactMatch, MOD-Agent, Calyx-Control, or * for "
+        "all)",
         ":4: hardware.mirror_on_drop: expected true or false",
         ":5: capture.replay_interface: missing: replay needs the interface its frames arrive on",
         ":6: capture.replay_clock: \"fast\" is not a replay clock (expected \"virtual\", \"recorded\" or "

@@ -5,6 +5,7 @@
 #include <netinet/in.h>
 #include <signal.h>
 #include <stdlib.h>
+#include <sys/inotify.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/un.h>
@@ -531,6 +532,13 @@ TEST_F(ModAgentTest, ModctlShowsTheTablesAsTheyAreAndTheControlSocketHoldsUp) {
   ASSERT_EQ(replies.size(), 1000u);
   EXPECT_NE(replies[0].find("unknown command \\\"fly\\\""), std::string::npos) << replies[0];
   EXPECT_NE(replies[1].find("\"ok\":false"), std::string::npos) << replies[1];
+  // Each of these once ended the agent with SIGABRT.
+  auto const crashers = noisy.exchange(
+      "{\"command\": 5}\n{\"command\": null}\n{\"command\": [\"status\"]}\n{\"command\": {\"a\": 1}}\n"
+      "{\"command\": true}\n{\"command\": 1.5}\n",
+      6);
+  ASSERT_EQ(crashers.size(), 6u);
+  for (auto const& r : crashers) EXPECT_EQ(r, R"({"error":"command: expected a string","ok":false})");
   if (geteuid() == 0) {
     // The socket's mode (0660) already keeps strangers out; opened up by mistake, the credentials still do.
     chmod(state.path().c_str(), 0755);
@@ -553,6 +561,7 @@ TEST_F(ModAgentTest, ModctlShowsTheTablesAsTheyAreAndTheControlSocketHoldsUp) {
       metrics.out.find("mod_collector_reports_total{exporter=\"e2\",collector=\"c3\",type=\"start\"} 6"),
       std::string::npos)
       << metrics.out;
+  EXPECT_NE(metrics.out.find("\nmod_state_tables_set_aside_total 0\n"), std::string::npos) << metrics.out;
   if (std::system("command -v promtool >/dev/null 2>&1") == 0) {
     write("metrics.txt", metrics.out);
     EXPECT_EQ(std::system(("promtool check metrics < " + file("metrics.txt")).c_str()), 0);
@@ -566,6 +575,144 @@ TEST_F(ModAgentTest, ModctlShowsTheTablesAsTheyAreAndTheControlSocketHoldsUp) {
   EXPECT_EQ(down.status, 3);  // "not running", as systemctl status says it
   EXPECT_NE(down.err.find("mod-agent is not running"), std::string::npos) << down.err;
   EXPECT_NE(modctl({"trace", "dump"}).out.find("ftName: 't1'"), std::string::npos);
+}
+
+// A table cut in half after a kill -9: the next agent sets it aside (with the tables holding entries of the
+// same flows), says so, shows it in status and metrics, runs, and stops cleanly.
+TEST_F(ModAgentTest, ATableCutShortAfterAKillIsSetAsideAndTheNextAgentStartsFresh) {
+  capture({"--flows", "6", "--drops-per-flow", "1", "--seed", "4", "--family", "ipv4"});
+  uint32_t const header[6] = {0xa1b2c3d4, 0x00040002, 0, 0, 65535, 1};  // a capture of no frame
+  write("empty.pcap", std::string(reinterpret_cast<char const*>(header), sizeof header));
+  std::string const first =
+      write("1.toml", config("max", "t1", "active_interval = 0.2\ninactive_timeout = 60\n"));
+  std::string const second =
+      write("2.toml", config("max", "t1", "active_interval = 0.2\ninactive_timeout = 0.3\n", "empty.pcap"));
+  for (std::string const table : {"reportStatus.entry", "collectorStatus", "emtConfig"}) {
+    SCOPED_TRACE(table);
+    for (auto const& e : std::filesystem::directory_iterator(state.path()))
+      std::filesystem::remove_all(e.path());
+    Program killed("mod-agent", {"--config", first}, work);
+    std::map<Bytes, std::string> seen;
+    for (int i = 0; i < 300 && seen.size() < 6; ++i, usleep(10000)) {
+      for (auto const& [bytes, types] : byReport(decode(rx4.drain()))) seen[bytes] += types;
+    }
+    ASSERT_EQ(seen.size(), 6u) << killed.err();
+    killed.signal(SIGKILL);
+    ASSERT_EQ(killed.wait(10), 128 + SIGKILL);
+    auto const size = std::filesystem::file_size(state.file(table));
+    std::filesystem::resize_file(state.file(table), size / 2);
+
+    Program agent("mod-agent", {"--config", second}, work);
+    ASSERT_TRUE(agent.waitForErr("started: feature on", 10)) << agent.err();
+    auto const status =
+        nlohmann::json::parse(programRun("modctl", {"--state-dir", state.path(), "--json", "status"}).out);
+    auto const& damaged = status["damaged_tables"];
+    ASSERT_GE(damaged.size(), 1u);
+    EXPECT_EQ(damaged[0]["table"], table);
+    std::string const copy = damaged[0]["copy"];
+    EXPECT_EQ(copy.rfind(state.path() + "/damaged-", 0), 0u);
+    EXPECT_EQ(std::filesystem::file_size(copy), size / 2);
+    EXPECT_NE(agent.err().find("table " + table + " is damaged (file is " + std::to_string(size / 2) +
+                               " bytes, capacity 1024 needs " + std::to_string(size) + "): moved to " + copy),
+              std::string::npos)
+        << agent.err();
+    auto const metrics = programRun("modctl", {"--state-dir", state.path(), "metrics"}).out;
+    EXPECT_NE(metrics.find("\nmod_state_tables_set_aside_total " + std::to_string(damaged.size()) + "\n"),
+              std::string::npos);
+    usleep(500000);  // past the age-out
+    agent.signal(SIGTERM);
+    EXPECT_EQ(agent.wait(10), 0) << agent.err();
+    // The flow tables go together, so a damaged one takes the flows with it (no STOP, and said so); the
+    // collectors' counters hold no flows.
+    EXPECT_EQ(byReport(decode(rx4.drain())).size(), table == "collectorStatus" ? 6u : 0u) << agent.err();
+    if (table != "collectorStatus") {
+      EXPECT_NE(agent.err().find("the flows it held cannot be closed with STOP reports"), std::string::npos);
+    }
+  }
+}
+
+// Damage found while running stops the agent at once with its own exit status and the table named; the next
+// start sets the table aside and runs.
+TEST_F(ModAgentTest, DamageFoundWhileRunningEndsTheAgentWithItsOwnStatusAndTheNextStartRecovers) {
+  capture({"--flows", "2", "--drops-per-flow", "1", "--seed", "5"});
+  std::string const conf =
+      write("agent.toml", config("max", "t1", "active_interval = 0.2\ninactive_timeout = 60\n"));
+  Program agent("mod-agent", {"--config", conf}, work);
+  ASSERT_TRUE(agent.waitForErr("started: feature on", 10)) << agent.err();
+  {
+    std::fstream f(state.file("collectorStatus"), std::ios::in | std::ios::out | std::ios::binary);
+    f.write("scribble", 8);  // over the magic
+  }
+  EXPECT_EQ(programRun("modctl", {"--state-dir", state.path(), "clear", "counters"}).status, 1);
+  EXPECT_EQ(agent.wait(10), 3) << agent.err();
+  EXPECT_NE(agent.err().find("SharedTable collectorStatus (" + state.file("collectorStatus") +
+                             ") is corrupted: bad magic"),
+            std::string::npos)
+      << agent.err();
+  EXPECT_NE(agent.err().find("; stopping (exit status 3"), std::string::npos);
+
+  // The next start says it on stderr, in the trace log (a file this time) and in the ring trace.
+  std::string const log = file("agent.log");
+  std::string const withLog =
+      config("max", "t1", "active_interval = 0.2\ninactive_timeout = 60\n") + "output = \"" + log + "\"\n";
+  Program next("mod-agent", {"--config", write("next.toml", withLog)}, work);
+  ASSERT_TRUE(next.waitForErr("started: feature on", 10)) << next.err();
+  EXPECT_NE(next.err().find("table collectorStatus is damaged (bad magic"), std::string::npos) << next.err();
+  std::ifstream in(log);
+  std::string const logged((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
+  EXPECT_NE(logged.find("MOD-Agent 1 [ERROR] table collectorStatus is damaged (bad magic"), std::string::npos)
+      << logged;
+  auto const ring = programRun("modctl", {"--state-dir", state.path(), "trace", "dump"}).out;
+  EXPECT_NE(ring.find("Damaged table set aside: collectorStatus -> " + state.path() + "/damaged-"),
+            std::string::npos)
+      << ring;
+  next.signal(SIGTERM);
+  EXPECT_EQ(next.wait(10), 0) << next.err();
+}
+
+// A state directory another user could change is refused before anything in it is opened.
+TEST_F(ModAgentTest, AStateDirectoryOthersCanChangeIsRefusedAndNothingInItIsOpened) {
+  capture({"--flows", "1", "--drops-per-flow", "1", "--seed", "1"});
+  std::string const dir = work + "/state";
+  auto const run = [&] {
+    return programRun("mod-agent", {"--config", write("agent.toml", config()), "--state-dir", dir}, work, 10);
+  };
+  if (geteuid() == 0) {
+    ASSERT_EQ(mkdir(dir.c_str(), 0777), 0);
+    ASSERT_EQ(chmod(dir.c_str(), 0777), 0);
+    ASSERT_EQ(chown(dir.c_str(), 65534, 65534), 0);
+    auto const r = run();
+    EXPECT_EQ(r.status, 2);
+    EXPECT_NE(r.err.find("refusing to use the state directory " + dir + ": it is owned by nobody"),
+              std::string::npos)
+        << r.err;
+    EXPECT_FALSE(std::filesystem::exists(dir + "/mod-agent.lock"));
+    std::filesystem::remove_all(dir);
+  } else {
+    std::cout << "skipped the directory made by another user: giving it to nobody needs root\n";
+  }
+  // A symlink in place of a table: refused, and the file it names is never opened (by the agent or modctl).
+  ASSERT_EQ(mkdir(dir.c_str(), 0750), 0);
+  std::string const target = write("root-only", "secret");
+  ASSERT_EQ(symlink(target.c_str(), (dir + "/reportStatus.entry").c_str()), 0);
+  int const watch = inotify_init1(IN_NONBLOCK | IN_CLOEXEC);
+  ASSERT_GE(inotify_add_watch(watch, target.c_str(), IN_OPEN | IN_ACCESS | IN_MODIFY), 0);
+  auto const r = run();
+  EXPECT_EQ(r.status, 2);
+  EXPECT_NE(r.err.find(dir + "/reportStatus.entry is a symlink"), std::string::npos) << r.err;
+  EXPECT_NE(programRun("modctl", {"--state-dir", dir, "show", "flows"}).status, 0);
+  char events[4096];
+  EXPECT_LE(read(watch, events, sizeof events), 0) << "the symlink's target was opened";
+  close(watch);
+}
+
+// On the virtual clock nothing can make an unreadable capture readable: the replay ends with the reason at
+// once instead of retrying while virtual time flies.
+TEST_F(ModAgentTest, ACaptureThatCannotBeReadEndsAVirtualReplayWithItsReason) {
+  write("drops.pcap", "not a capture at all, just text");
+  auto const r = programRun("mod-agent", {"--config", write("agent.toml", config())}, work, 20);
+  EXPECT_EQ(r.status, 1) << r.err;
+  EXPECT_NE(r.err.find("cannot replay " + file("drops.pcap") + ": "), std::string::npos) << r.err;
 }
 
 }  // namespace

@@ -1,6 +1,8 @@
 #include <gtest/gtest.h>
 
+#include <cstring>
 #include <filesystem>
+#include <fstream>
 #include <stdexcept>
 #include <string>
 #include <vector>
@@ -52,6 +54,42 @@ TEST_F(FeatureTablesTest, EmtTextForms) {
   std::string text = s.valueToStrep();
   text.replace(text.find("True"), 4, "Maybe");
   EXPECT_THROW(Emt::EntryStatus{std::string_view(text)}, std::range_error);
+}
+
+// Rows an earlier run's file holds are checked as they are loaded: a flow mixing address families, an
+// installed flag that is no boolean, or a name length beyond its storage (on which the key's own code throws)
+// is damage, never a stop of the agent at start (the adapter's assertion, an escaping exception).
+TEST_F(FeatureTablesTest, RowsReadBackAreCheckedBeforeTheFeatureSeesThem) {
+  Emt::Key const mixed(FlowKey(17, *IpGenAddr::parse("10.0.0.1"), *IpGenAddr::parse("::2"), 1, 53),
+                       IntfId("et1"));
+  Emt::EntryStatus notBoolean(key(1, "et1"), true);
+  std::memset(reinterpret_cast<char*>(&notBoolean) + sizeof(Emt::Key), 7, 1);
+  Emt::configFactory("emtConfig")->entryIs(Emt::EntryConfig(mixed));
+  Emt::statusFactory("emtStatus")->entryIs(notBoolean);
+  Collector::statusFactory("collectorStatus")->entryIs(Collector::EntryStatus(Collector::Key("e1", "c1")));
+  Calyx::SegmentGeometry const g{sizeof(Collector::Key), sizeof(Collector::EntryStatus), 1};
+  std::fstream f(stateDir_ + "/collectorStatus", std::ios::in | std::ios::out | std::ios::binary);
+  uint32_t state = 0, length = 512;
+  for (size_t slot = 128; f.seekg(long(slot + 8)) && f.read(reinterpret_cast<char*>(&state), 4);
+       slot += g.slotSize())
+    if (state == 1) f.seekp(long(slot + 16)).write(reinterpret_cast<char const*>(&length), 4);
+  f.close();
+  std::vector<std::string> problems;
+  Calyx::sharedTableCorruptionHandlerIs(
+      [&](Calyx::SharedTableCorruption const& c) { problems.push_back(c.table + ": " + c.problem); });
+  EXPECT_EQ(Emt::configFactory("emtConfig")->entryCount(), 0u);
+  EXPECT_EQ(Emt::statusFactory("emtStatus")->entryCount(), 0u);
+  EXPECT_EQ(Collector::statusFactory("collectorStatus")->entryCount(), 0u);
+  Calyx::sharedTableCorruptionHandlerIs({});
+  ASSERT_EQ(problems.size(), 3u);
+  EXPECT_NE(problems[2].find("holds a record that cannot be read: expected size <= 128, instead got 512"),
+            std::string::npos)
+      << problems[2];
+  EXPECT_NE(problems[0].find("emtConfig: slot"), std::string::npos);
+  EXPECT_NE(problems[0].find("flow of source address family 1 and destination address family 2"),
+            std::string::npos)
+      << problems[0];
+  EXPECT_NE(problems[1].find("isInstalled byte 7 is neither 0 nor 1"), std::string::npos) << problems[1];
 }
 
 TEST_F(FeatureTablesTest, ReportStatusPublishesBothTables) {

@@ -94,6 +94,12 @@ void statusText(Json const& r) {
     std::cout << ", frames " << k["frames"] << ", kernel drops " << k["kernel_drops"] << "\n";
   }
   std::cout << "uptime: " << int64_t(r["uptime"].get<double>()) << " s (pid " << r["pid"] << ")\n";
+  for (auto const& d : r.value("damaged_tables", Json::array())) {
+    std::cout << "damaged at start: " << d.value("table", "") << " (" << d.value("problem", "") << "); "
+              << (d["copy"].is_string() ? "copy in " + d["copy"].get<std::string>()
+                                        : std::string("no copy kept"))
+              << "; " << d.value("lost", "") << "\n";
+  }
 }
 
 // The collectors' table, with each collector's send errors when the agent can tell them: they are the

@@ -8,9 +8,10 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include <csignal>
-
 #include <algorithm>
+#include <csignal>
+#include <filesystem>
+#include <fstream>
 #include <memory>
 #include <vector>
 
@@ -40,7 +41,10 @@ class SharedTableTest : public ::testing::Test {
     SharedTableOptions o;
     o.stateDir = dir.path();
     o.initialCapacity = capacity;
-    o.corruptionHandler = [this](SharedTableCorruption const& c) { problems.push_back(c.problem); };
+    o.corruptionHandler = [this](SharedTableCorruption const& c) {
+      problems.push_back(c.problem);
+      atOpen.push_back(c.atOpen && ::access(c.path.c_str(), F_OK) == 0);
+    };
     return make<Table>(name, o);
   }
   // Writes bytes into a table's file as a stray process would.
@@ -53,6 +57,7 @@ class SharedTableTest : public ::testing::Test {
 
   TableTest::TempStateDir dir;
   std::vector<std::string> problems;
+  std::vector<bool> atOpen;  // per problem: found while opening, with the damaged file still at its path
 };
 
 TEST_F(SharedTableTest, EntryIsNotifiesOnlyOnChangeAndReplacesWithoutSecondRow) {
@@ -161,8 +166,21 @@ TEST_F(SharedTableTest, DamagedHeaderGoesToTheHandlerAndTheTableStartsAfresh) {
   auto t = open();
   ASSERT_EQ(problems.size(), 1u);
   EXPECT_NE(problems[0].find("magic"), std::string::npos);
+  EXPECT_TRUE(atOpen[0]);
   EXPECT_EQ(t->entryCount(), 0u);
   EXPECT_TRUE(t->entryIs(Value::of(keyOf(2), 2)));
+}
+
+// Whoever could put a symlink where a table's file goes would choose what the writer maps and overwrites:
+// the link is not followed, and the table's own file takes its place.
+TEST_F(SharedTableTest, ASymlinkInPlaceOfTheFileIsNeverFollowed) {
+  { std::ofstream(dir.file("precious")) << "not a table"; }
+  ASSERT_EQ(::symlink(dir.file("precious").c_str(), dir.file("t").c_str()), 0);
+  EXPECT_TRUE((SharedTableReader<Key, Value>(dir.file("t")).snapshot().empty()));
+  open()->entryIs(Value::of(keyOf(1), 1));
+  EXPECT_EQ(std::filesystem::file_size(dir.file("precious")), 11u);
+  EXPECT_FALSE(std::filesystem::is_symlink(dir.file("t")));  // the table's own file took its place
+  EXPECT_TRUE(problems.empty());
 }
 
 TEST_F(SharedTableTest, DamageWhileRunningAbandonsTheOperation) {
@@ -179,6 +197,7 @@ TEST_F(SharedTableTest, DamageWhileRunningAbandonsTheOperation) {
   EXPECT_FALSE(t->entryDel(keyOf(1)));
   EXPECT_EQ(problems.size(), 3u);
   EXPECT_NE(problems[0].find("has state 9"), std::string::npos);
+  EXPECT_FALSE(atOpen[0]);
 
   reinterpret_cast<SegmentHeader*>(base)->count = 1u << 20;
   EXPECT_FALSE(t->entryIs(Value::of(keyOf(1), 3)));
