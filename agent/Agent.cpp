@@ -19,8 +19,8 @@
 #include "agent/ConfigApply.h"
 #include "agent/ConfigDiff.h"
 #include "agent/Privileges.h"
-#include "ops/AgentMetrics.h"
 #include "agent/StateDirTrust.h"
+#include "ops/AgentMetrics.h"
 #include "platform/core/RingTrace.h"
 #include "platform/core/Trace.h"
 #include "platform/core/TraceSink.h"
@@ -220,6 +220,7 @@ int Agent::start() {
   captures_->interfacesIs(config_.replaying() ? std::vector<std::string>{config_.replayInterface}
                                               : config_.interfaces);
   configApply(config_, mounts_);
+  hwConfigPresetForRename(mounts_);
   host_ = std::make_unique<MirrorOnDrop::FeatureHost>(plugin_->tableAs<MirrorOnDrop::PluginTable>(), mounts_);
   control_ = std::make_unique<ControlService>(*loop_, *host_, config_.stateDir, damaged_.get());
   control_->statusExtraIs([this](nlohmann::json& status) { statusAdd(status); });

@@ -5,6 +5,8 @@
 #include <set>
 #include <vector>
 
+#include "platform/entity/FlowTrackingConfigSmBase.h"
+
 namespace ModAgent {
 
 using Calyx::IntfId;
@@ -133,6 +135,15 @@ void configApply(AgentConfig const& c, MirrorOnDrop::FeatureMounts const& m) {
   // The chip's exact-match support; this host has no operator switch of its own for it.
   m.miscConfig->exactMatchEnabledIs(true);
   m.flexibleUftCapabilityStatus->exactMatchSupportedIs(c.exactMatch);
+}
+
+void hwConfigPresetForRename(MirrorOnDrop::FeatureMounts const& m) {
+  using Base = Calyx::FlowTracking::ConfigSmBase;
+  auto const wanted = Base::trackerWanted(*m.config);
+  bool renamed = false;
+  for (auto n = m.hwStatus->hwFtStatusFirst(); n; n = m.hwStatus->hwFtStatusNext(*n))
+    renamed = renamed || !wanted || *n != wanted->name();
+  if (renamed) Base::hwConfigTranslate(*m.config, *m.hwConfig);
 }
 
 }  // namespace ModAgent

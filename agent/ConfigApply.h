@@ -12,4 +12,10 @@ namespace ModAgent {
 
 void configApply(AgentConfig const& config, MirrorOnDrop::FeatureMounts const& mounts);
 
+// Before the feature is built over a tracker status an earlier run left under another name than the tracker
+// now configured (the tracker renamed while the agent was down): the hardware configuration is given the
+// configured tracker at once. The manager compares the stored tracker with the hardware's as it is built and
+// adopts the new one; translated only later, the rename would reach a manager that has no dispatcher yet.
+void hwConfigPresetForRename(MirrorOnDrop::FeatureMounts const& mounts);
+
 }  // namespace ModAgent

@@ -23,7 +23,6 @@
 #include <cstring>
 #include <filesystem>
 #include <fstream>
-#include <set>
 #include <string>
 #include <vector>
 
@@ -191,26 +190,6 @@ struct Harness {
     T::records(state, name, bytes, n);
   }
 
-  // The configuration to run with. An earlier run's tracker status under another name than the configured
-  // tracker is a known fault still open (the manager meets "Unexpected non-existence of DispatcherSm." at
-  // start, because the hardware configuration is translated only once the manager is built): until it is
-  // fixed, the tracker is configured under the name the file holds, so the rest stays in reach. Remove this
-  // once the fault is fixed.
-  ModAgent::AgentConfig trackerAsStored() const {
-    ModAgent::AgentConfig c = config;
-    using Reader = SharedTableReader<HwFlowTracking::StoredTrackerName, HwFlowTracking::StoredTrackerStatus>;
-    auto const stored = Reader(state + "/" + HwFlowTracking::StatusStore::kTableName).snapshot();
-    std::set<std::string> names;
-    for (auto const& s : stored) names.insert(s.trackerName.name());
-    if (names.count("")) {
-      std::error_code ignored;
-      fs::remove(state + "/" + HwFlowTracking::StatusStore::kTableName, ignored);
-    } else if (!names.empty()) {
-      c.trackers[0].name = *names.begin();  // the one the manager takes for the active tracker
-    }
-    return c;
-  }
-
   // What modctl reads afterwards: every table and the ring.
   void read() const {
     ReportEntry::read(state + "/" + TableName::kReportStatus + ".entry");
@@ -238,7 +217,7 @@ extern "C" int LLVMFuzzerTestOneInput(uint8_t const* data, size_t size) {
   harness.files(Input{data, size});
   int status = 0;
   {
-    ModAgent::Agent agent(harness.trackerAsStored(), ModAgent::Agent::pluginDefaultPath(), nullptr);
+    ModAgent::Agent agent(harness.config, ModAgent::Agent::pluginDefaultPath(), nullptr);
     status = agent.run();
   }
   // The agent's state directory is its own and every table opens, sound or set aside: it starts.

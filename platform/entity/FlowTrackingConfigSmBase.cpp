@@ -120,28 +120,32 @@ void ConfigSmBase::reactorsSync() {
   }
 }
 
-Ptr<TrackerConfig const> ConfigSmBase::trackerWanted() const {
-  if (!config_->enabled()) return nullptr;
-  auto const first = config_->trackerFirst();
-  return first ? config_->tracker(*first) : nullptr;
+Ptr<TrackerConfig const> ConfigSmBase::trackerWanted(Config const& config) {
+  if (!config.enabled()) return nullptr;
+  auto const first = config.trackerFirst();
+  return first ? config.tracker(*first) : nullptr;
+}
+
+void ConfigSmBase::hwConfigTranslate(Config const& config, HwConfig& hwConfig) {
+  Ptr<TrackerConfig const> const wanted = trackerWanted(config);
+  // Out first, so that the hardware never holds two trackers.
+  std::vector<String> leaving;
+  for (auto n = hwConfig.hwFtConfigFirst(); n; n = hwConfig.hwFtConfigNext(*n)) {
+    if (!wanted || *n != wanted->name()) leaving.push_back(*n);
+  }
+  for (String const& n : leaving) hwConfig.hwFtConfigDel(n);
+  if (!wanted) return;
+  if (Ptr<HwFlowTracking::FtConfig> hw = hwConfig.hwFtConfig(wanted->name())) {
+    hwTrackerSync(*wanted, *hw);
+  } else {
+    hwConfig.hwFtConfigIs(wanted->name(), hwTrackerMake(*wanted));
+  }
 }
 
 void ConfigSmBase::handleFlowTrackerConfig() {
   Ptr<Object const> const keepAlive(this);  // a reactor of hwConfig may release the agent
-  Ptr<TrackerConfig const> const wanted = trackerWanted();
-  // Out first, so that the hardware never holds two trackers.
-  std::vector<String> leaving;
-  for (auto n = hwConfig_->hwFtConfigFirst(); n; n = hwConfig_->hwFtConfigNext(*n)) {
-    if (!wanted || *n != wanted->name()) leaving.push_back(*n);
-  }
-  for (String const& n : leaving) hwConfig_->hwFtConfigDel(n);
-  if (wanted) {
-    if (Ptr<HwFlowTracking::FtConfig> hw = hwConfig_->hwFtConfig(wanted->name())) {
-      hwTrackerSync(*wanted, *hw);
-    } else {
-      hwConfig_->hwFtConfigIs(wanted->name(), hwTrackerMake(*wanted));
-    }
-  }
+  hwConfigTranslate(*config_, *hwConfig_);
+  Ptr<TrackerConfig const> const wanted = trackerWanted(*config_);
   for (auto t = config_->trackerFirst(); t; t = config_->trackerNext(*t)) {
     status_->trackerIs(*t, wanted && *t == wanted->name());
   }

@@ -56,6 +56,11 @@ class ConfigSmBase : public Object {
 
   // Brings hwConfig and status in line with the configuration.
   void handleFlowTrackerConfig();
+  // The hardware half of that, on its own: what a host presents as the hardware configuration an agent
+  // finds when it is built.
+  static void hwConfigTranslate(Config const& config, HwConfig& hwConfig);
+  // The tracker the hardware should run: the first configured one by name while enabled.
+  static Ptr<TrackerConfig const> trackerWanted(Config const& config);
 
   virtual std::string agentName() const = 0;
   virtual void handleConfigEnabled() {}
@@ -78,8 +83,6 @@ class ConfigSmBase : public Object {
 
   // Follows every tracker and exporter of the configuration with a reactor.
   void reactorsSync();
-  // The tracker the hardware should run: the first configured one by name while enabled.
-  Ptr<TrackerConfig const> trackerWanted() const;
   static Ptr<HwFlowTracking::FtConfig> hwTrackerMake(TrackerConfig const& tracker);
   static void hwTrackerSync(TrackerConfig const& tracker, HwFlowTracking::FtConfig& hw);
   static void hwExporterSync(ExporterConfig const& from, ExporterConfig& to);

@@ -68,6 +68,8 @@ Bytes expectedReport(Bytes const& f) {
 
 class ModAgentTest : public ::testing::Test {
  protected:
+  // A first agent with tracker t1 killed with flows live, then the next agent on its state directory.
+  void restartAfterKill(char const* nextTracker);
   void SetUp() override {
     ASSERT_TRUE(rx4.bound() && rx6.bound());
     char dir[] = "/tmp/mod-agent-test-XXXXXX";
@@ -322,9 +324,17 @@ TEST_F(ModAgentTest, ReloadAppliesOnlyTheDifferencesAndKeepsTheRunningConfigurat
   EXPECT_NE(agent.err().find("summary: "), std::string::npos);
 }
 
-// kill -9 with flows live: the next agent on the same state directory stops them, and starts none again.
+// kill -9 with flows live: the next agent on the same state directory stops them, and starts none again;
+// also when the tracker was renamed while no agent ran (its stored status names the old one).
 TEST_F(ModAgentTest, AfterAKillTheNextAgentStopsTheFlowsTheFirstLeft) {
   capture({"--flows", "6", "--drops-per-flow", "1", "--seed", "4", "--family", "ipv4"});
+  for (char const* tracker : {"t1", "t2"}) {
+    SCOPED_TRACE(std::string("the next agent's tracker: ") + tracker);
+    restartAfterKill(tracker);
+  }
+}
+
+void ModAgentTest::restartAfterKill(char const* nextTracker) {
   {
     std::ofstream empty(file("empty.pcap"), std::ios::binary);
     uint32_t const header[6] = {0xa1b2c3d4, 0x00040002, 0, 0, 65535, 1};
@@ -349,11 +359,11 @@ TEST_F(ModAgentTest, AfterAKillTheNextAgentStopsTheFlowsTheFirstLeft) {
   first.signal(SIGKILL);
   EXPECT_EQ(first.wait(10), 128 + SIGKILL);
 
-  Program second(
-      "mod-agent",
-      {"--config", write("second.toml", config("max", "t1", "active_interval = 0.2\ninactive_timeout = 0.3\n",
-                                               "empty.pcap"))},
-      work);
+  Program second("mod-agent",
+                 {"--config", write("second.toml",
+                                    config("max", nextTracker,
+                                           "active_interval = 0.2\ninactive_timeout = 0.3\n", "empty.pcap"))},
+                 work);
   std::map<Bytes, std::string> after;
   for (int i = 0; i < 300 && after.size() < 6; ++i) {
     for (auto const& [bytes, types] : byReport(decode(rx4.drain()))) after[bytes] += types;
