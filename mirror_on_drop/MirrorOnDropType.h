@@ -112,6 +112,9 @@ class UdpPam : public Calyx::Object {
   Calyx::Ptr<Calyx::UdpPam> udpPamIp4_;
   Calyx::Ptr<Calyx::UdpPam> udpPamIp6_;
   int32_t txErrno_ = 0;
+
+ protected:
+  ~UdpPam() override = default;
 };
 
 }  // namespace MirrorOnDrop
