@@ -24,44 +24,49 @@ size_t badTableHeaderLine(std::string_view text) {
   return 0;
 }
 
-// Walks the text as TOML's lexer does for strings and comments only: basic strings ("..." and """...""",
-// with backslash escapes), literal ones ('...' and '''...''') and comments to the end of the line. A
-// single-line string ends at its line's end at the latest, as a broken one does for toml++.
-size_t nonAsciiOutsideStringsLine(std::string_view text) {
+// The line of the first character beyond ASCII that is not in a comment; 0 when there is none. Strings are
+// walked only to tell a # in a string from one that opens a comment: basic strings ("..." and """...""",
+// with backslash escapes) and literal ones ('...' and '''...'''); a single-line string ends at its line's
+// end at the latest. Where this walk and toml++ disagree on where a string is, the character is refused or
+// lies in a string for toml++: either way toml++ never asks whether it is whitespace.
+size_t nonAsciiOutsideCommentsLine(std::string_view text) {
   size_t line = 1;
   size_t i = 0;
+  auto const beyondAscii = [&] { return static_cast<unsigned char>(text[i]) >= 0x80; };
   auto const opens = [&](std::string_view quote) { return text.substr(i, quote.size()) == quote; };
+  // False at a character beyond ASCII in the string.
   auto const skipTo = [&](std::string_view quote, bool escapes, bool multiLine) {
     while (i < text.size()) {
-      char const c = text[i];
-      if (c == '\n') {
-        if (!multiLine) return;
+      if (beyondAscii()) return false;
+      if (text[i] == '\n') {
+        if (!multiLine) return true;
         ++line;
-      } else if (escapes && c == '\\') {
-        if (i + 1 < text.size() && text[i + 1] == '\n') ++line;
+      } else if (escapes && text[i] == '\\') {
         ++i;
+        if (i < text.size() && beyondAscii()) return false;
+        if (i < text.size() && text[i] == '\n') ++line;
       } else if (opens(quote)) {
         i += quote.size();
-        return;
+        return true;
       }
       ++i;
     }
+    return true;
   };
   while (i < text.size()) {
     char const c = text[i];
-    if (c == '\n') {
+    if (c == '#') {
+      while (i < text.size() && text[i] != '\n') ++i;
+    } else if (c == '\n') {
       ++line;
       ++i;
-    } else if (c == '#') {
-      while (i < text.size() && text[i] != '\n') ++i;
     } else if (opens("\"\"\"") || opens("'''")) {
-      bool const basic = c == '"';
       i += 3;
-      skipTo(basic ? "\"\"\"" : "'''", basic, true);
+      if (!skipTo(c == '"' ? "\"\"\"" : "'''", c == '"', true)) return line;
     } else if (c == '"' || c == '\'') {
       ++i;
-      skipTo(c == '"' ? "\"" : "'", c == '"', false);
-    } else if (static_cast<unsigned char>(c) >= 0x80) {
+      if (!skipTo(c == '"' ? "\"" : "'", c == '"', false)) return line;
+    } else if (beyondAscii()) {
       return line;
     } else {
       ++i;
@@ -74,15 +79,15 @@ size_t nonAsciiOutsideStringsLine(std::string_view text) {
 
 std::optional<TomlRefusal> tomlTextRefused(std::string_view text) {
   size_t const header = badTableHeaderLine(text);
-  size_t const character = nonAsciiOutsideStringsLine(text);
+  size_t const character = nonAsciiOutsideCommentsLine(text);
   if (header != 0 && (character == 0 || header <= character))
     return TomlRefusal{header,
                        "Error while parsing table header: expected a name (letters, digits, _ or -, "
                        "or quoted)"};
   if (character != 0)
     return TomlRefusal{character,
-                       "a character beyond ASCII outside a string or comment (keys and values are "
-                       "ASCII; quote text that is not)"};
+                       "a character beyond ASCII outside a comment (keys and values are ASCII here; other "
+                       "text belongs in comments)"};
   return std::nullopt;
 }
 

@@ -5,8 +5,9 @@
 // - a table header whose name does not start like a key ("[=", "[[[1]]]", a "[" alone, a non-ASCII letter);
 //   a line of a multi-line array that opens a nested array the same way is taken for one too (no setting
 //   takes a nested array);
-// - a character beyond ASCII outside a string or comment (TOML's bare keys and values are ASCII; toml++ takes
-//   such a character for possible whitespace and reaches code it holds unreachable).
+// - a character beyond ASCII anywhere but in a comment: toml++ asks whether such a character is whitespace in
+//   more places than a string or a comment (a key, a value, after an escape or a line-ending backslash) and
+//   reaches code it holds unreachable. No setting needs more than ASCII, so none is lost.
 
 #include <cstddef>
 #include <optional>
