@@ -310,10 +310,9 @@ bool Agent::heartbeatStart(std::string& error) {
 
 // Once a second: the watchdog ping when one is due, the health said when it changes, the service status.
 void Agent::heartbeat() {
-  Calyx::MonotonicClock wall;
-  if (notify_.watchdogEvery() > 0 && wall.now() >= nextWatchdog_) {
+  if (notify_.watchdogEvery() > 0 && Calyx::MonotonicClock::seconds() >= nextWatchdog_) {
     notify_.watchdog();
-    nextWatchdog_ = wall.now() + notify_.watchdogEvery();
+    nextWatchdog_ = Calyx::MonotonicClock::seconds() + notify_.watchdogEvery();
   }
   std::vector<std::string> const now = problems();
   for (auto const& p : now) {
@@ -450,8 +449,7 @@ void Agent::stopGracefully() {
   stopRan_ = true;
   stopLive_ = host_->reportStatus()->entryCount();
   stopStopsBefore_ = x.counterSentStopReport();
-  Calyx::MonotonicClock wall;
-  double const began = wall.now();
+  double const began = Calyx::MonotonicClock::seconds();
   double const deadline = began + config_.stopTimeout;
   notify_.stopping("stopping: closing " + std::to_string(stopLive_) + " flows");
   stopWatch_ = std::make_unique<StopWatch>(*this, host_->holder()->exchanger());
@@ -461,7 +459,7 @@ void Agent::stopGracefully() {
     mounts_.capabilities->mirrorOnDropSupportedIs(false);
   }
   while (host_->featureOn() && stop_ != Stop::abandoned) {
-    double const left = deadline - wall.now();
+    double const left = deadline - Calyx::MonotonicClock::seconds();
     if (left <= 0) {
       stop_ = Stop::abandoned;
       abandonedWhy_ = "stop_timeout (" + seconds(config_.stopTimeout) + ") passed";
@@ -473,7 +471,7 @@ void Agent::stopGracefully() {
       loop_->runOnce(std::min(left, 0.1));
     }
   }
-  stopSeconds_ = wall.now() - began;
+  stopSeconds_ = Calyx::MonotonicClock::seconds() - began;
   stopWatch_.reset();
 }
 
@@ -487,8 +485,7 @@ void Agent::leaveAsKilled() {
 }
 
 int Agent::runVirtual() {
-  Calyx::MonotonicClock wall;
-  nextProgress_ = wall.now() + kProgressEvery;
+  nextProgress_ = Calyx::MonotonicClock::seconds() + kProgressEvery;
   while (!loop_->isStopped()) {
     loop_->runFor(kVirtualStep);
     // A capture that cannot be read does not get better while virtual time flies: retrying would go on for
@@ -511,9 +508,9 @@ int Agent::runVirtual() {
       say("the feature is off and nothing is left to do: ending the replay");
       break;
     }
-    if (wall.now() >= nextProgress_) {
+    if (Calyx::MonotonicClock::seconds() >= nextProgress_) {
       progress();
-      nextProgress_ = wall.now() + kProgressEvery;
+      nextProgress_ = Calyx::MonotonicClock::seconds() + kProgressEvery;
     }
   }
   return kExitClean;

@@ -17,6 +17,7 @@
 #include <sstream>
 #include <string_view>
 
+#include "agent/TomlGuard.h"
 #include "mirror_on_drop/MirrorOnDropPlugin.h"
 #include "platform/core/Trace.h"
 #include "platform/types/IntfId.h"
@@ -474,37 +475,13 @@ void documentRead(Reader& r, toml::table const& doc, AgentConfig& c) {
   }
 }
 
-// toml++ 3.3 breaks its own precondition on a table header whose name does not start like a key ("[=",
-// "[[[1]]]", a "[" alone, a non-ASCII letter): an assertion in debug builds, undefined behaviour otherwise.
-// The line of such a header, found before toml++ sees the text; 0 when there is none. A line of a multi-line
-// array that opens a nested array the same way is taken for one too: no setting takes a nested array.
-size_t badTableHeaderLine(std::string_view text) {
-  size_t line = 1;
-  for (size_t at = 0; at < text.size(); ++line) {
-    size_t const end = std::min(text.find('\n', at), text.size());
-    std::string_view const l = text.substr(at, end - at);
-    at = end + 1;
-    size_t i = l.find_first_not_of(" \t");
-    if (i == std::string_view::npos || l[i] != '[') continue;
-    i += (i + 1 < l.size() && l[i + 1] == '[') ? 2 : 1;
-    while (i < l.size() && (l[i] == ' ' || l[i] == '\t')) ++i;
-    char const c = i < l.size() ? l[i] : '\n';
-    bool const keyStart = (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || (c >= '0' && c <= '9') ||
-                          c == '_' || c == '-' || c == '"' || c == '\'' || c == ']';
-    if (!keyStart) return line;
-  }
-  return 0;
-}
-
 }  // namespace
 
 bool ConfigFile::parse(std::string const& text, std::string const& file, AgentConfig& config,
                        std::vector<std::string>& errors) {
   errors.clear();
-  if (size_t const line = badTableHeaderLine(text)) {
-    errors.push_back(
-        file + ":" + std::to_string(line) +
-        ": Error while parsing table header: expected a name (letters, digits, _ or -, or quoted)");
+  if (auto const bad = tomlTextRefused(text)) {
+    errors.push_back(file + ":" + std::to_string(bad->line) + ": " + bad->what);
     return false;
   }
   toml::table doc;

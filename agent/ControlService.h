@@ -2,9 +2,8 @@
 // ControlService: what the agent answers on its control socket, one JSON object per line each way.
 //
 //   {"command": "status"}                                   the feature, the active tracker, counters,
-//   uptime,
+//                                                           uptime, tables set aside at start as damaged,
 //                                                           and what the host adds (statusExtraIs)
-//                                                           tables set aside at start as damaged
 //   {"command": "clear-counters", "exporter": "e1"}         clear one exporter's collector counters (or all)
 //   {"command": "trace-set", "handle": "MOD-Manager", "levels": "0-4"}
 //   {"command": "trace-show"}                               every trace handle with its levels

@@ -4,8 +4,7 @@
 //   (copy the frame into a packet and look its five-tuple up in a std::unordered_map of the same flows): the
 //   counters vs_baseline and vs_smallest (see BenchSweep.h);
 // - BM_NewFlows/N (bursts of N first drops into a fresh dispatcher: a Report::Status entry, an interface
-// counter
-//   and an Emt::Config entry each, all published in shared memory, the tables growing with the burst as in a
+//   counter and an Emt::Config entry each, all published in shared memory, the tables growing with the burst as in a
 //   storm) with BM_NewFlowBaseline/N (the same keys inserted into a fresh std::unordered_map), the same
 //   counters;
 // - BM_SharedMemoryPerFlow: bytes of the tables' segment files per live flow (counter bytes_per_flow).

@@ -26,6 +26,9 @@ class Counter : public Object, public Notifier<Counter> {
 
  private:
   uint64_t value_ = 0;
+
+ protected:
+  ~Counter() override = default;
 };
 
 class Sum : public Counter::Reactor {

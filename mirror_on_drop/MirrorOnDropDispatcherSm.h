@@ -60,7 +60,7 @@ class DispatcherSm : public Calyx::Object {
 
   static constexpr char const* kReportTaskName = "MOD-Task:report";
   static constexpr int kReportTaskPriority = 3;
-  static constexpr uint32_t kSocketReadLimit = 64;
+  static constexpr uint32_t kSocketReadLimit = Calyx::Pam::kDefaultReadLimit;  // 64 frames a readable event
 
   DispatcherSm(Calyx::Ptr<Emt::Config> emtConfig, Calyx::Ptr<Emt::Status const> emtStatus,
                Calyx::Ptr<HwStatus const> hwStatus, Calyx::Ptr<Report::Status> reportStatus,

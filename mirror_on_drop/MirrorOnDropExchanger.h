@@ -172,6 +172,9 @@ class Exchanger : public Calyx::Object, public Calyx::Notifier<Exchanger> {
   Report::Key reportKey_;
   uint64_t counterSentStartReport_ = 0;
   uint64_t counterSentStopReport_ = 0;
+
+ protected:
+  ~Exchanger() override = default;
 };
 
 }  // namespace MirrorOnDrop

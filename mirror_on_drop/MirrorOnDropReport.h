@@ -167,6 +167,9 @@ class Status : public Calyx::Object {
   std::string name_;
   Ptr<EntryTable> entry_;
   Ptr<EntryIntfTable> entryIntf_;
+
+ protected:
+  ~Status() override = default;
 };
 
 Ptr<Status> statusFactory(std::string const& name);
@@ -205,6 +208,9 @@ class EntryOutbox : public Calyx::Object, public Calyx::Notifier<EntryOutbox> {
  private:
   Set keys_;
   bool notificationActive_ = true;
+
+ protected:
+  ~EntryOutbox() override = default;
 };
 
 // A first-in first-out queue of batches. Each element has a sequence index; enqueueing gives the new element
@@ -253,6 +259,9 @@ class Outbox : public Calyx::Object {
   uint32_t headIndex_ = 0;
   uint32_t nextIndex_ = 0;
   uint64_t dequeued_ = 0;
+
+ protected:
+  ~Outbox() override = default;
 };
 
 }  // namespace MirrorOnDrop::Report

@@ -176,7 +176,7 @@ SenderSm::SenderSm(Ptr<ConfigReq const> configReq, Ptr<FtConfig const> hwFtConfi
       taskReport_(std::move(taskReport)),
       timerReport_(timerWheel->timerNew()),
       exchanger_(std::move(exchanger)),
-      udpPam_(Calyx::make<UdpPam>()) {
+      udpPam_(Calyx::make<MirrorOnDrop::UdpPam>()) {
   configReqReactor_ = std::make_unique<ConfigReqReactor>(*this, configReq_);
   ftConfigReactor_ = std::make_unique<FtConfigReactor>(*this, hwFtConfig_);
   ftStatusReactor_ = std::make_unique<FtStatusReactor>(*this, hwFtStatus_);

@@ -52,7 +52,7 @@ class SenderSm : public Calyx::Object {
   Calyx::Ptr<Calyx::Task> const& taskReport() const { return taskReport_; }
   Calyx::Ptr<Calyx::Timer const> timerReport() const { return timerReport_; }
   Calyx::Ptr<Exchanger> const& exchanger() const { return exchanger_; }
-  Calyx::Ptr<UdpPam> const& udpPam() const { return udpPam_; }
+  Calyx::Ptr<MirrorOnDrop::UdpPam> const& udpPam() const { return udpPam_; }
   size_t expConfigCount() const { return expConfig_.size(); }
 
   void expConfigIs(Calyx::String const& name, Calyx::Ptr<ExporterConfig const> config);
@@ -97,7 +97,7 @@ class SenderSm : public Calyx::Object {
   Calyx::Ptr<Calyx::Task> taskReport_;
   Calyx::Ptr<Calyx::Timer> timerReport_;
   Calyx::Ptr<Exchanger> exchanger_;
-  Calyx::Ptr<UdpPam> udpPam_;
+  Calyx::Ptr<MirrorOnDrop::UdpPam> udpPam_;
   std::map<Calyx::String, std::unique_ptr<ExpConfigReactor>> expConfig_;
   std::unique_ptr<ConfigReqReactor> configReqReactor_;
   std::unique_ptr<FtConfigReactor> ftConfigReactor_;

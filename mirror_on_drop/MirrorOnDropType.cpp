@@ -62,7 +62,7 @@ std::ostream& operator<<(std::ostream& os, Report const& r) {
 
 namespace MirrorOnDrop {
 
-UdpPam::UdpPam()
+MirrorOnDrop::UdpPam::UdpPam()
     : udpPamIp4_(Calyx::make<Calyx::UdpPam>("UdpPamIp4")),
       udpPamIp6_(Calyx::make<Calyx::UdpPam>("UdpPamIp6")) {
   udpPamIp4_->hasNotificationActiveIs(true);
@@ -72,8 +72,9 @@ UdpPam::UdpPam()
   udpPamIp6_->modeIs(Calyx::UdpPam::kModeTransmit);
 }
 
-bool UdpPam::sendPacket(Calyx::IpGenAddr const& srcIp, Calyx::IpGenAddr const& dstIp, Calyx::DscpValue dscp,
-                        uint16_t dstL4Port, Calyx::Ptr<Calyx::Pkt> const& pkt) {
+bool MirrorOnDrop::UdpPam::sendPacket(Calyx::IpGenAddr const& srcIp, Calyx::IpGenAddr const& dstIp,
+                                      Calyx::DscpValue dscp, uint16_t dstL4Port,
+                                      Calyx::Ptr<Calyx::Pkt> const& pkt) {
   Calyx::Ptr<Calyx::UdpPam> const pam = dstIp.isV4() ? udpPamIp4_ : udpPamIp6_;
   pam->txSrcIpAddrIs(srcIp.v4());
   pam->txSrcIp6AddrIs(srcIp.v6());

@@ -95,6 +95,9 @@ namespace MirrorOnDrop {
 // goes the IPv6 way). Every call sets all six transmit attributes afresh, both address forms included, so
 // nothing of an earlier packet remains. The errno of the latest transmission is kept in txErrno for the
 // caller's failure report; nothing is retried here.
+//
+// Its name is the platform's transmit object's too: where both are in sight, each is named with its
+// namespace (MirrorOnDrop::UdpPam, Calyx::UdpPam), never bare.
 class UdpPam : public Calyx::Object {
  public:
   UdpPam();
@@ -107,6 +110,9 @@ class UdpPam : public Calyx::Object {
   // unshifted. True when the platform counted the datagram as transmitted.
   bool sendPacket(Calyx::IpGenAddr const& srcIp, Calyx::IpGenAddr const& dstIp, Calyx::DscpValue dscp,
                   uint16_t dstL4Port, Calyx::Ptr<Calyx::Pkt> const& pkt);
+
+ protected:
+  ~UdpPam() override = default;
 
  private:
   Calyx::Ptr<Calyx::UdpPam> udpPamIp4_;

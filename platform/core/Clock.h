@@ -13,11 +13,19 @@ inline constexpr double kNever = std::numeric_limits<double>::infinity();
 class Clock : public Object {
  public:
   virtual double now() const = 0;
+
+ protected:
+  ~Clock() override = default;
 };
 
 class MonotonicClock final : public Clock {
  public:
-  double now() const override;
+  double now() const override { return seconds(); }
+  // The same reading without an object, for code that only wants to know the time.
+  static double seconds();
+
+ protected:
+  ~MonotonicClock() override = default;
 };
 
 class SimulatedClock final : public Clock {
@@ -29,6 +37,9 @@ class SimulatedClock final : public Clock {
     if (t > now_) now_ = t;
   }
   void advance(double seconds) { nowIs(now_ + seconds); }
+
+ protected:
+  ~SimulatedClock() override = default;
 
  private:
   double now_;

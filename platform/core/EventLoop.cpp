@@ -214,9 +214,9 @@ bool EventLoop::turn(double maxWait, bool idlePoll) {
     if (ran || !idlePoll) {
       if (++turnsSinceClockRead_ < kTurnsPerClockRead) return ran;
       turnsSinceClockRead_ = 0;
-      if (pollClock_.now() - lastPollAt_ < kSimulatedPollInterval) return ran;
+      if (MonotonicClock::seconds() - lastPollAt_ < kSimulatedPollInterval) return ran;
     }
-    lastPollAt_ = pollClock_.now();
+    lastPollAt_ = MonotonicClock::seconds();
     turnsSinceClockRead_ = 0;
   }
   ran |= pollFds(timeoutMs);

@@ -119,7 +119,6 @@ class EventLoop : public Object, public Notifier<EventLoop> {
   bool stopped_ = false;
   static constexpr double kSimulatedPollInterval = 0.001;  // seconds of real time
   static constexpr uint32_t kTurnsPerClockRead = 16;       // turns between looks at the real clock
-  MonotonicClock pollClock_;
   double lastPollAt_ = 0.0;
   uint32_t turnsSinceClockRead_ = 0;
 };

@@ -2,8 +2,9 @@
 // Object: the base of every counted entity of the state framework.
 //
 // The count lives in the object (intrusive). On the single event thread it is a plain integer; built with
-// CALYX_THREAD_SAFE_REFS it is atomic. Destructors of derived classes are protected: an object dies only when
-// its last Ptr goes away, and it is created only through make<T>(...).
+// CALYX_THREAD_SAFE_REFS it is atomic. An object is created only through make<T>(...) and dies only when its
+// last Ptr goes away: make<T> refuses at compile time a class whose destructor is public, so a counted object
+// cannot also live on the stack or in a container.
 //
 // A new object starts with a count of one, the reference its creator holds: make<T> adopts it. So a
 // constructor that hands a Ptr to itself to someone else (a state machine wiring itself to a reactor or a

@@ -66,9 +66,13 @@ class Ptr {
   T* p_ = nullptr;
 };
 
-// The one way to create a counted object. Derived classes keep their constructors public or befriend make.
+// The one way to create a counted object. Derived classes keep their constructors public or befriend make,
+// and their destructors protected: an object on the stack, in a container or deleted by hand would die
+// behind the backs of the Ptrs that hold it.
 template <class T, class... Args>
 Ptr<T> make(Args&&... args) {
+  static_assert(!std::is_destructible_v<T>,
+                "make<T>: T's destructor must be protected (a counted object dies with its last Ptr)");
   return Ptr<T>::adopt(new T(std::forward<Args>(args)...));
 }
 

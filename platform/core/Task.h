@@ -52,6 +52,9 @@ class Task : public Object, public Notifier<Task> {
   uint64_t runCount_ = 0;
   uint64_t workCount_ = 0;
   uint64_t workPending_ = 0;
+
+ protected:
+  ~Task() override = default;
 };
 
 }  // namespace Calyx

@@ -58,6 +58,9 @@ class TaskScheduler : public Object {
   ReadyQueue ready_;
   size_t readyCount_ = 0;
   Task* running_ = nullptr;
+
+ protected:
+  ~TaskScheduler() override = default;
 };
 
 }  // namespace Calyx

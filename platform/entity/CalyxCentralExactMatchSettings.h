@@ -25,6 +25,9 @@ class FlexibleUftCapabilityStatus : public Object, public Notifier<FlexibleUftCa
 
  private:
   bool exactMatchSupported_ = false;
+
+ protected:
+  ~FlexibleUftCapabilityStatus() override = default;
 };
 
 class CalyxMiscConfig : public Object, public Notifier<CalyxMiscConfig> {
@@ -40,6 +43,9 @@ class CalyxMiscConfig : public Object, public Notifier<CalyxMiscConfig> {
 
  private:
   bool exactMatchEnabled_ = false;
+
+ protected:
+  ~CalyxMiscConfig() override = default;
 };
 
 }  // namespace Calyx::CalyxCentral

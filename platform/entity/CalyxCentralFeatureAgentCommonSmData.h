@@ -34,6 +34,9 @@ class FeatureAgentCommonSmData : public Object, public Notifier<FeatureAgentComm
  private:
   Collection<FeatureAgentCommonSmData, IntfId, bool> intf_{&Reactor::handleIntf};
   uint64_t maxFlows_ = 0;
+
+ protected:
+  ~FeatureAgentCommonSmData() override = default;
 };
 
 }  // namespace Calyx::CalyxCentral

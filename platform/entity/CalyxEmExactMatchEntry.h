@@ -61,6 +61,9 @@ class ExactMatchEntryConfig : public Object, public Notifier<ExactMatchEntryConf
  private:
   IpGenAddr::Family af_;
   Collection<ExactMatchEntryConfig, ExactMatchKey, ExactMatchAction> config_{&Reactor::handleConfig};
+
+ protected:
+  ~ExactMatchEntryConfig() override = default;
 };
 
 class ExactMatchEntryStatus : public Object, public Notifier<ExactMatchEntryStatus> {
@@ -82,6 +85,9 @@ class ExactMatchEntryStatus : public Object, public Notifier<ExactMatchEntryStat
  private:
   IpGenAddr::Family af_;
   Collection<ExactMatchEntryStatus, ExactMatchKey, bool> status_{&Reactor::handleStatus};
+
+ protected:
+  ~ExactMatchEntryStatus() override = default;
 };
 
 }  // namespace Calyx::CalyxEm

@@ -75,6 +75,9 @@ class Config : public Object, public Notifier<Config> {
  private:
   bool enabled_ = false;
   Collection<Config, String, Ptr<TrackerConfig>> tracker_{&Reactor::handleTracker};
+
+ protected:
+  ~Config() override = default;
 };
 
 }  // namespace Calyx::FlowTracking

@@ -23,6 +23,9 @@ class ConfigReq : public Object, public Notifier<ConfigReq> {
 
  private:
   ClearCounterReq clearCounterReq_;
+
+ protected:
+  ~ConfigReq() override = default;
 };
 
 }  // namespace Calyx::FlowTracking

@@ -24,6 +24,9 @@ class Status : public Object, public Notifier<Status> {
 
  private:
   Collection<Status, String, bool> tracker_{&Reactor::handleTracker};
+
+ protected:
+  ~Status() override = default;
 };
 
 }  // namespace Calyx::FlowTracking

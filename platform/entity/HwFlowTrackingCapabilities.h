@@ -22,6 +22,9 @@ class Capabilities : public Object, public Notifier<Capabilities> {
 
  private:
   bool mirrorOnDropSupported_ = false;
+
+ protected:
+  ~Capabilities() override = default;
 };
 
 }  // namespace Calyx::HwFlowTracking

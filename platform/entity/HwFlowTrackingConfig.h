@@ -28,6 +28,9 @@ class Config : public Object, public Notifier<Config> {
 
  private:
   Collection<Config, String, Ptr<FtConfig>> hwFtConfig_{&Reactor::handleHwFtConfig};
+
+ protected:
+  ~Config() override = default;
 };
 
 }  // namespace Calyx::HwFlowTracking

@@ -28,6 +28,9 @@ class Status : public Object, public Notifier<Status> {
 
  private:
   Collection<Status, String, Ptr<FtStatus>> hwFtStatus_{&Reactor::handleHwFtStatus};
+
+ protected:
+  ~Status() override = default;
 };
 
 }  // namespace Calyx::HwFlowTracking

@@ -30,6 +30,9 @@ class AllIntfStatusDir : public Object, public Notifier<AllIntfStatusDir> {
 
  private:
   Collection<AllIntfStatusDir, IntfId, IntfStatus> intfStatus_{&Reactor::handleIntfStatus};
+
+ protected:
+  ~AllIntfStatusDir() override = default;
 };
 
 }  // namespace Calyx::Interface

@@ -16,6 +16,9 @@ class AllIntfStatusLocalDir : public Object {
 
  private:
   Ptr<EthDevPamCollection> const pamCollection_;
+
+ protected:
+  ~AllIntfStatusLocalDir() override = default;
 };
 
 }  // namespace Calyx::Interface

@@ -30,6 +30,9 @@ class EthDevPamCollection : public Object, public Notifier<EthDevPamCollection> 
 
  private:
   Collection<EthDevPamCollection, IntfId, Ptr<Pam const>> intfPam_{&Reactor::handleIntfPam};
+
+ protected:
+  ~EthDevPamCollection() override = default;
 };
 
 }  // namespace Calyx::Interface

@@ -27,6 +27,9 @@ class PamDesiredIntfDir : public Object, public Notifier<PamDesiredIntfDir> {
 
  private:
   Collection<PamDesiredIntfDir, IntfId, bool> intfDesired_{&Reactor::handleIntfDesired};
+
+ protected:
+  ~PamDesiredIntfDir() override = default;
 };
 
 }  // namespace Calyx::Interface

@@ -32,6 +32,9 @@ class Status : public Object, public Notifier<Status> {
 
  private:
   Collection<Status, IntfId, KernelIntf> kernelIntf_{&Reactor::handleKernelIntf};
+
+ protected:
+  ~Status() override = default;
 };
 
 }  // namespace Calyx::KernelNetInfo

@@ -29,6 +29,11 @@ class Pam : public Object, public Notifier<Pam> {
     virtual void handleReadable() {}
   };
 
+  // What every backend and the manager that makes them start from: frames taken per readable event (or loop
+  // turn, for a replay), and seconds between two attempts to open a module that could not be opened.
+  static constexpr uint32_t kDefaultReadLimit = 64;
+  static constexpr double kDefaultRetryInterval = 5.0;
+
   IntfId const& intfId() const { return intfId_; }
 
   // The next received frame, or null when none is waiting.

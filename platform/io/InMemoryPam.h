@@ -18,6 +18,9 @@ class InMemoryPam final : public Pam {
   // Queues every frame first, then flags the module readable once.
   void enqueue(std::vector<Ptr<Pkt>> pkts);
   using Pam::readableNotify;
+
+ protected:
+  ~InMemoryPam() override = default;
 };
 
 }  // namespace Calyx

@@ -34,8 +34,6 @@ namespace Calyx::Interface {
 
 class SimpleEthDevPamManager : public Object {
  public:
-  static constexpr uint32_t kDefaultReadLimit = 64;
-
   SimpleEthDevPamManager(EventLoop& loop, Ptr<PamDesiredIntfDir> desired, Ptr<EthDevPamCollection> collection,
                          Ptr<AllIntfStatusDir const> intfStatus = nullptr);
 
@@ -99,9 +97,9 @@ class SimpleEthDevPamManager : public Object {
   std::unique_ptr<SyncReactor> syncReactor_;
 
   std::string socketFilter_;  // pcap filter syntax, given by the reader of the modules; empty: every frame
-  uint32_t readLimit_ = kDefaultReadLimit;
+  uint32_t readLimit_ = Pam::kDefaultReadLimit;
   bool bulkRead_ = true;
-  double retryInterval_ = 5.0;
+  double retryInterval_ = Pam::kDefaultRetryInterval;
   bool enabled_ = false;
   PamBackend defaultBackend_;
   std::map<IntfId, PamBackend> backends_;

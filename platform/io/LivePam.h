@@ -33,16 +33,16 @@ struct pcap;
 namespace Calyx {
 
 struct LivePamOptions {
-  std::string device;       // the kernel's interface name; empty: the IntfId's name
-  std::string filter;       // socket filter program, in pcap filter syntax; empty: no filter
-  uint32_t readLimit = 64;  // frames taken per readable event
-  bool bulkRead = true;     // false: one frame per readable event
+  std::string device;  // the kernel's interface name; empty: the IntfId's name
+  std::string filter;  // socket filter program, in pcap filter syntax; empty: no filter
+  uint32_t readLimit = Pam::kDefaultReadLimit;  // frames taken per readable event
+  bool bulkRead = true;                         // false: one frame per readable event
   bool promiscuous = true;
   // The kernel ring holds bufferBytes / (snapLength + overhead) frames. Mirrored frames are cut short by the
   // chip, so a small snap length buys a deep ring.
   int bufferBytes = 8 << 20;
   int snapLength = 4096;
-  double retryInterval = 5.0;  // seconds
+  double retryInterval = Pam::kDefaultRetryInterval;  // seconds
 };
 
 class LivePam final : public Pam {

@@ -27,9 +27,9 @@ namespace Calyx {
 struct PcapReplayOptions {
   std::string file;
   bool recordedPace = false;
-  std::string filter;          // pcap filter syntax; empty: every frame of the file
-  uint32_t readLimit = 64;     // frames taken per loop turn
-  double retryInterval = 5.0;  // seconds
+  std::string filter;                                 // pcap filter syntax; empty: every frame of the file
+  uint32_t readLimit = Pam::kDefaultReadLimit;        // frames taken per loop turn
+  double retryInterval = Pam::kDefaultRetryInterval;  // seconds
 };
 
 class PcapReplayPam final : public Pam {

@@ -1,6 +1,6 @@
 #pragma once
-// PktManager: where packets come from. The global manager is one of the two globals the platform owns; it
-// lives for the whole process (it is never destroyed, so packets held by static objects may go at exit) and
+// PktManager: where packets come from. The global manager (a process-wide singleton, as the event loop's
+// current(), the trace registry and the ring trace are) lives for the whole process (it is never destroyed, so packets held by static objects may go at exit) and
 // is used from the event thread only.
 //
 // Buffers are recycled: a packet's buffer goes back to its manager when the packet goes (or grows into a

@@ -32,7 +32,8 @@ Ptr<EntryOutbox> batch(std::initializer_list<uint16_t> ports) {
 }
 
 TEST(OutboxTest, IndexRulesOfEnqueueAndDequeue) {
-  Outbox q;
+  auto const outbox = Calyx::make<Outbox>();
+  Outbox& q = *outbox;
   q.nextIndexIs(7);
   q.entryEnq(batch({1}));
   EXPECT_EQ(q.entryBack()->count(), 1u);
@@ -51,7 +52,8 @@ TEST(OutboxTest, IndexRulesOfEnqueueAndDequeue) {
 }
 
 TEST(OutboxTest, SetAndDeleteByIndex) {
-  Outbox q;
+  auto const outbox = Calyx::make<Outbox>();
+  Outbox& q = *outbox;
   q.entryIs(5, batch({1}));
   q.entryIs(3, batch({2}));
   EXPECT_EQ(q.headIndex(), 3u);
@@ -68,7 +70,8 @@ TEST(OutboxTest, SetAndDeleteByIndex) {
 // The hazard: with the tail at the last 32-bit index, the next index wraps to 0; the new batch must go behind
 // the tail, not over it, and both must come out in order.
 TEST(OutboxTest, EnqueueAtTheLastIndexWrapsWithoutLosingTheTailBatch) {
-  Outbox q;
+  auto const outbox = Calyx::make<Outbox>();
+  Outbox& q = *outbox;
   q.nextIndexIs(0xFFFFFFFEu);
   q.entryEnq(batch({1}));
   q.entryEnq(batch({2}));

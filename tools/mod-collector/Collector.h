@@ -3,8 +3,7 @@
 // watched by the event loop; every readable event drains its socket, decodes each datagram, prints the report
 // on stdout (flushed per line, since readers often sit behind a pipe; nothing with --quiet) or the rejection
 // on stderr, hands the drained reports to the store's writer in one go when there is one, and stops the loop
-// once
-// --count reports were received.
+// once --count reports were received.
 //
 // The counters are read by the page's server thread as well, through summarySnapshot().
 

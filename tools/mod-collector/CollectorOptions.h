@@ -1,8 +1,7 @@
 #pragma once
 // The command line of mod-collector (CLI11):
-//   mod-collector --listen ADDR:PORT [--listen [V6ADDR]:PORT ...] [--json | --quiet] [--count N] [--duration
-//   S]
-//                 [--summary none|totals|flows] [--db PATH|postgresql://...] [--retain 7d] [--queue N]
+//   mod-collector --listen ADDR:PORT [--listen [V6ADDR]:PORT ...] [--json | --quiet] [--count N]
+//                 [--duration S] [--summary none|totals|flows] [--db PATH|postgresql://...] [--retain 7d] [--queue N]
 //                 [--http [ADDR:]PORT]
 // (`mod-collector query ...` has its own command line, in QueryCommand.)
 

@@ -1,6 +1,5 @@
 #pragma once
-// HttpServer: the collector's page, its JSON API and its metrics, served by cpp-httplib on threads of its
-// own:
+// HttpServer: the collector's page, its JSON API and its metrics, served by cpp-httplib on threads of its own:
 //   GET /                          the page (index.html, with app.js and style.css beside it)
 //   GET /api/top/flows|reasons|sources|protocols?since=1h&limit=10&by=lives
 //   GET /api/lives?open=1&source=ADDR&flow=FILTER&since=1h&limit=50

@@ -2,12 +2,12 @@
 // The questions operators ask of the stored history, answered alike by `mod-collector query`, the page's JSON
 // API and the page itself (which reads the API). Each query is one SQL statement that both engines run as it
 // is, shaped for the indexes of the schema:
-//   top       lives and reports per flow, reason, source or protocol, first seen within the window: counted
-//   from
-//             the per-dimension index (flow_id, seen_us, reports) alone, a skip-scan over its groups when a
-//             window is given, a plain walk in group order otherwise
+//   top       lives and reports per flow, reason, source or protocol, first seen within the window:
+//             counted from the per-dimension index (flow_id, seen_us, reports) alone, a skip-scan over its
+//             groups when a window is given, a plain walk in group order otherwise
 //   lives     the newest lives first, from the seen_us index (open lives: its partial twin WHERE stop_us IS
-//   NULL) timeline  new lives per step: one count over a range of the seen_us index per step
+//             NULL)
+//   timeline  new lives per step: one count over a range of the seen_us index per step
 
 #include <array>
 #include <cstdint>

@@ -45,6 +45,9 @@ class Widget : public Object, public Notifier<Widget> {
   int size_ = 0;
   uint64_t drops_ = std::numeric_limits<uint64_t>::max() - 1;
   Collection<Widget, int, Ptr<Part>> part_{&Reactor::handlePart};
+
+ protected:
+  ~Widget() override = default;
 };
 
 struct Recorder : Widget::Reactor {

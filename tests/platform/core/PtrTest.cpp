@@ -8,8 +8,10 @@ namespace {
 
 struct Tracked : Object {
   explicit Tracked(int& alive) : alive_(alive) { ++alive_; }
-  ~Tracked() override { --alive_; }
   int& alive_;
+
+ protected:
+  ~Tracked() override { --alive_; }
 };
 
 // Wires itself to a helper while being built, as a state machine does when it hands itself to a reactor: the
@@ -20,6 +22,9 @@ struct SelfWiring : Tracked {
     countSeenInside = refCount();
   }
   uint32_t countSeenInside = 0;
+
+ protected:
+  ~SelfWiring() override = default;
 };
 
 TEST(PtrTest, PtrToItselfInsideTheConstructorDoesNotFreeTheHalfBuiltObject) {

@@ -27,6 +27,9 @@ class Widget : public Object, public Notifier<Widget> {
 
  private:
   int size_ = 0;
+
+ protected:
+  ~Widget() override = default;
 };
 
 // A reactor that logs its calls and runs an optional action from its handler.

@@ -19,6 +19,9 @@ class Agent : public ConfigSmBase {
   void handleConfigEnabled() override { handleFlowTrackerConfig(); }
   void handleCapabilitiesSupported() override { ++supportChanges; }
   int supportChanges = 0;
+
+ protected:
+  ~Agent() override = default;
 };
 
 // What a reactor on the hardware configuration sees, in order: "+name" / "-name".
