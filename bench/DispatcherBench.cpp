@@ -70,7 +70,7 @@ class Rig {
         make<FlowTracking::ConfigReq>(), Collector::statusFactory("collectorStatus"),
         Emt::configFactory("emtConfig"), Emt::statusFactory("emtStatus"), fcsd,
         make<HwFlowTracking::Config>(), hwStatus_, ftConfig, ftStatus, make<KernelNetInfo::Status>(),
-        Report::statusFactory("reportStatus"), Ptr<TaskScheduler>(&loop_->scheduler()));
+        Report::statusFactory("reportStatus"), Ptr<TaskScheduler>(&loop_->scheduler()), loop_);
     start();
   }
   ~Rig() {

@@ -118,17 +118,6 @@ Calyx::Ptr<Status> statusFactory(std::string const& name);
 std::ostream& operator<<(std::ostream& os, Key const& v);
 std::ostream& operator<<(std::ostream& os, EntryStatus const& v);
 
-// Every collector's counters, in key order: what a host reads for its statistics without compiling the
-// table's key code itself.
-struct Counters {
-  String exporter;
-  String collector;
-  uint64_t bytes = 0;
-  uint64_t start = 0;
-  uint64_t stop = 0;
-};
-std::vector<Counters> countersRead(Status const& status);
-
 }  // namespace MirrorOnDrop::Collector
 
 template <>

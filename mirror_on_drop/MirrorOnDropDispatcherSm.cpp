@@ -61,9 +61,9 @@ DispatcherSm::DispatcherSm(Ptr<Emt::Config> emtConfig, Ptr<Emt::Status const> em
   timerReactor_ = std::make_unique<TimerReactor>(*this, timerAgeout_);
   exchangerReactor_ = std::make_unique<ExchangerReactor>(*this, exchanger_);
   Ptr<Calyx::Interface::AllIntfStatusLocalDir const> const& local = mountHolder_->allIntfStatusLocalDir();
-  pamManager_ = Calyx::make<PamManager>(Constant::Timer::activityManager(),
-                                        Calyx::make<Calyx::Interface::PamDesiredIntfDir>(),
-                                        local->pamCollection(), mountHolder_->allIntfStatusDir());
+  pamManager_ =
+      Calyx::make<PamManager>(*mountHolder_->loop(), Calyx::make<Calyx::Interface::PamDesiredIntfDir>(),
+                              local->pamCollection(), mountHolder_->allIntfStatusDir());
 
   reportStartOutboxIs(Calyx::make<Report::Outbox>());
   reportStartEntryOutboxActiveIs(batchNew());

@@ -30,14 +30,14 @@ TEST(FeatureHostTest, StartUpTurnsTheFeatureOnAndTearDownLeavesItOff) {
   auto const& plugin = library->tableAs<PluginTable>();
 
   auto loop = EventLoop::makeSimulated();
-  FeatureMounts m = featureMountsMake(Ptr<TaskScheduler>(&loop->scheduler()));
+  FeatureMounts m = featureMountsMake(loop);
   m.config->enabledIs(true);
   m.config->trackerIs("t1", make<FlowTracking::TrackerConfig>("t1"));
   m.capabilities->mirrorOnDropSupportedIs(true);
   auto host = std::make_unique<FeatureHost>(plugin, m);
   EXPECT_TRUE(host->featureOn());
-  ASSERT_TRUE(host->holder()->hwFtConfig());
-  EXPECT_EQ(host->holder()->hwFtConfig()->name(), "t1");
+  ASSERT_TRUE(host->activeTracker());
+  EXPECT_EQ(host->activeTracker()->name(), "t1");
   EXPECT_TRUE(m.hwStatus->hwFtStatus("t1"));
   EXPECT_TRUE(host->adapter());
   host.reset();

@@ -354,7 +354,9 @@ TEST_F(DispatcherSmTest, PastTheFlowCapNewFlowsAreRefusedAndCountedUntilFlowsAre
 }
 
 TEST(MountHolderTest, TheFeatureTimerNeedsTheActivityManager) {
-  EXPECT_DEATH(Constant::Timer::activityClock(), "No activity manager");
+  EXPECT_DEATH(mountHolderFactory(nullptr, nullptr, nullptr, nullptr, nullptr, nullptr, nullptr, nullptr,
+                                  nullptr, nullptr, nullptr, nullptr, nullptr, nullptr, nullptr, nullptr),
+               "No activity manager");
 }
 
 }  // namespace

@@ -48,7 +48,7 @@ FeaturePipeline::FeaturePipeline(double activeInterval, double inactiveTimeout)
   holder =
       mountHolderFactory(allIntfStatusLocalDir, allIntfStatusDir, capabilities, configReq, collectorStatus,
                          emtConfig, emtStatus, fcsd, hwConfig, hwStatus, nullptr, nullptr, kniStatus,
-                         reportStatus, Ptr<Calyx::TaskScheduler>(&loop->scheduler()));
+                         reportStatus, Ptr<Calyx::TaskScheduler>(&loop->scheduler()), loop);
 }
 
 FeaturePipeline::~FeaturePipeline() {
