@@ -17,7 +17,7 @@
 #include <sstream>
 #include <string_view>
 
-#include "mirror_on_drop/MirrorOnDropPlugin.h"
+#include "mirror_on_drop/MirrorOnDropNames.h"
 #include "platform/core/Trace.h"
 #include "platform/types/IntfId.h"
 

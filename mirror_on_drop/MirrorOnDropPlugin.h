@@ -9,55 +9,21 @@
 // off, its counters, what its tables hold) comes back as plain data. A function the plug-in does not have is
 // a null pointer, never a stand-in.
 
-#include <algorithm>
-#include <array>
 #include <cstdint>
 #include <functional>
 #include <string>
-#include <string_view>
 #include <vector>
 
+#include "mirror_on_drop/MirrorOnDropCollectorRecords.h"
+#include "mirror_on_drop/MirrorOnDropEmtRecords.h"
 #include "mirror_on_drop/MirrorOnDropFeatureMounts.h"
+#include "mirror_on_drop/MirrorOnDropNames.h"
+#include "mirror_on_drop/MirrorOnDropRecordLayout.h"
+#include "mirror_on_drop/MirrorOnDropReportRecords.h"
 #include "platform/core/Task.h"
-#include "platform/core/Trace.h"
 #include "platform/entity/HwFlowTrackingFtConfig.h"
 
 namespace MirrorOnDrop {
-
-// The shared tables' names in the state directory, as the host makes them and the tools read them
-// (Report::Status publishes two: <name>.entry and <name>.entryIntf).
-namespace TableName {
-inline constexpr char const* kEmtConfig = "emtConfig";
-inline constexpr char const* kEmtStatus = "emtStatus";
-inline constexpr char const* kCollectorStatus = "collectorStatus";
-inline constexpr char const* kReportStatus = "reportStatus";
-}  // namespace TableName
-
-// The trace handles of an agent hosting the plug-in: the feature's state machines, then the platform parts
-// the feature drives. A handle comes into being when its code first traces, so the registry alone cannot tell
-// a typo from a handle not used yet; level settings are checked against this list instead.
-namespace TraceName {
-inline constexpr std::array<std::string_view, 10> kAll = {
-    "MOD-Manager", "MOD-Dispatcher", "MOD-Receiver",     "MOD-Sender", "MOD-Adapter",
-    "Calyx-Pam",   "Calyx-Udp",      "Calyx-ExactMatch", "MOD-Agent",  "Calyx-Control"};
-
-// The first handle a level setting ("MOD-Manager=0-4,*=0-1") names that is not in kAll, or empty ("*" is
-// always known). A setting that does not parse names nothing: its own error says why.
-inline std::string unknownIn(std::string_view setting) {
-  Calyx::TraceRegistry scratch;  // a channel per named handle, never applied
-  scratch.levelsApply(setting);
-  for (auto const& name : scratch.names())
-    if (std::find(kAll.begin(), kAll.end(), name) == kAll.end()) return name;
-  return {};
-}
-
-// "MOD-Manager, MOD-Dispatcher, ..." for messages.
-inline std::string list() {
-  std::string out;
-  for (auto name : kAll) out += (out.empty() ? "" : ", ") + std::string(name);
-  return out;
-}
-}  // namespace TraceName
 
 // A part of the running feature, opaque to the host.
 using FeaturePart = Calyx::Ptr<Calyx::Object>;
@@ -108,8 +74,16 @@ struct TableEntries {
   size_t entries = 0;
 };
 
+// Every record the host and the plug-in share through the tables, key then value per table.
+using SharedRecords =
+    Layout::RecordSet<Report::Key, Report::EntryStatus, Report::Interface::Key, Report::Interface::Entry,
+                      Collector::Key, Collector::EntryStatus, Emt::Key, Emt::EntryConfig, Emt::EntryStatus>;
+
 struct PluginTable {
-  static constexpr uint32_t kVersion = 2;
+  // The table's own layout: bump it when a field below is added, removed or changes its type.
+  static constexpr uint32_t kLayoutVersion = 3;
+  // A host and a plug-in agree on this only if they agree on the table and on every shared record.
+  static constexpr uint32_t kVersion = SharedRecords::versionOf(kLayoutVersion);
   static constexpr char const* kEntryPoint = "mirrorOnDropPluginTable";
 
   uint32_t version;  // first, at a fixed place: the one field a host of another version can read
