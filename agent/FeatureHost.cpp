@@ -21,6 +21,7 @@ FeatureMounts featureMountsMake(Calyx::Ptr<Calyx::EventLoop> loop) {
       .kniStatus = make<Calyx::KernelNetInfo::Status>(),
       .loop = std::move(loop),
       .scheduler = std::move(scheduler),
+      .pktManager = &Calyx::PktManager::global(),
       .flexibleUftCapabilityStatus = make<Calyx::CalyxCentral::FlexibleUftCapabilityStatus>(),
       .miscConfig = make<Calyx::CalyxCentral::CalyxMiscConfig>(),
       .emtStatusIpv4 = make<Calyx::CalyxEm::ExactMatchEntryStatus>(Family::ipv4),

@@ -1,7 +1,8 @@
 #pragma once
 // FeatureMounts: what the host mounts for the feature and hands it at start-up, every reference set. Besides
-// the state store's entities, the host hands over the event loop that drives the feature and the loop's task
-// scheduler: the feature makes its timer wheel and its tasks on them and never looks for a loop of its own.
+// the state store's entities, the host hands over the event loop that drives the feature, the loop's task
+// scheduler and the packet pool: the feature makes its timer wheel and its tasks on them and takes its report
+// packets from the pool, and never looks for a loop or a pool of its own.
 
 #include "platform/core/EventLoop.h"
 #include "platform/core/TaskScheduler.h"
@@ -18,6 +19,7 @@
 #include "platform/entity/InterfaceAllIntfStatusDir.h"
 #include "platform/entity/InterfaceAllIntfStatusLocalDir.h"
 #include "platform/entity/KernelNetInfoStatus.h"
+#include "platform/types/PktManager.h"
 
 namespace MirrorOnDrop {
 
@@ -35,6 +37,7 @@ struct FeatureMounts {
   Calyx::Ptr<Calyx::KernelNetInfo::Status> kniStatus;
   Calyx::Ptr<Calyx::EventLoop> loop;
   Calyx::Ptr<Calyx::TaskScheduler> scheduler;  // the loop's
+  Calyx::PktManager* pktManager = nullptr;     // outlives the feature
   // The chip's exact-match tables and what decides whether they may be used.
   Calyx::Ptr<Calyx::CalyxCentral::FlexibleUftCapabilityStatus> flexibleUftCapabilityStatus;
   Calyx::Ptr<Calyx::CalyxCentral::CalyxMiscConfig> miscConfig;

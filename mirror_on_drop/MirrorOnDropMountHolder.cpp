@@ -24,7 +24,8 @@ MountHolder::MountHolder(Ptr<AllIntfStatusLocalDir const> allIntfStatusLocalDir,
                          Ptr<FeatureAgentCommonSmData const> fcsd, Ptr<HwConfig const> hwConfig,
                          Ptr<HwStatus> hwStatus, Ptr<FtConfig const> hwFtConfig, Ptr<FtStatus> hwFtStatus,
                          Ptr<KniStatus const> kniStatus, Ptr<Report::Status> reportStatus,
-                         Ptr<Calyx::TaskScheduler> scheduler, Ptr<Calyx::EventLoop> loop)
+                         Ptr<Calyx::TaskScheduler> scheduler, Ptr<Calyx::EventLoop> loop,
+                         Calyx::PktManager& pktManager)
     : allIntfStatusLocalDir_(std::move(allIntfStatusLocalDir)),
       allIntfStatusDir_(std::move(allIntfStatusDir)),
       capabilities_(std::move(capabilities)),
@@ -41,6 +42,7 @@ MountHolder::MountHolder(Ptr<AllIntfStatusLocalDir const> allIntfStatusLocalDir,
       reportStatus_(std::move(reportStatus)),
       scheduler_(std::move(scheduler)),
       loop_(std::move(loop)),
+      pktManager_(pktManager),
       exchanger_(Calyx::make<Exchanger>()),
       timer_(Calyx::make<Calyx::TimerWheel>(activityManager(loop_), Constant::Timer::granularity(),
                                             Constant::Timer::maxTicks(), kFireInBatches, kMaxFirePerTurn)) {}
@@ -53,12 +55,13 @@ Ptr<MountHolder> mountHolderFactory(
     Ptr<MountHolder::FeatureAgentCommonSmData const> fcsd, Ptr<MountHolder::HwConfig const> hwConfig,
     Ptr<MountHolder::HwStatus> hwStatus, Ptr<MountHolder::FtConfig const> hwFtConfig,
     Ptr<MountHolder::FtStatus> hwFtStatus, Ptr<MountHolder::KniStatus const> kniStatus,
-    Ptr<Report::Status> reportStatus, Ptr<Calyx::TaskScheduler> scheduler, Ptr<Calyx::EventLoop> loop) {
+    Ptr<Report::Status> reportStatus, Ptr<Calyx::TaskScheduler> scheduler, Ptr<Calyx::EventLoop> loop,
+    Calyx::PktManager& pktManager) {
   return Calyx::make<MountHolder>(
       std::move(allIntfStatusLocalDir), std::move(allIntfStatusDir), std::move(capabilities),
       std::move(configReq), std::move(collectorStatus), std::move(emtConfig), std::move(emtStatus),
       std::move(fcsd), std::move(hwConfig), std::move(hwStatus), std::move(hwFtConfig), std::move(hwFtStatus),
-      std::move(kniStatus), std::move(reportStatus), std::move(scheduler), std::move(loop));
+      std::move(kniStatus), std::move(reportStatus), std::move(scheduler), std::move(loop), pktManager);
 }
 
 }  // namespace MirrorOnDrop

@@ -7,9 +7,10 @@
 // references without notification, which the manager points at the active tracker's configuration and status
 // while the feature is on and empties when it turns off.
 //
-// The host hands over the event loop that drives the feature (its activity manager) with the other mounts:
-// the feature's timer wheel runs on that loop's clock, and the dispatcher opens its packet access there; the
-// feature never looks for a loop of its own. The wheel has the feature's tuning: 200 ms buckets, a horizon of
+// The host hands over the event loop that drives the feature (its activity manager) and the packet pool with
+// the other mounts: the feature's timer wheel runs on that loop's clock, the dispatcher opens its packet
+// access there, and the sender takes its report packets from that pool; the feature never looks for a loop
+// or a pool of its own. The wheel has the feature's tuning: 200 ms buckets, a horizon of
 // 525600 buckets, every timer fired at its exact time, at most 1024 timers fired per loop turn.
 
 #include <string>
@@ -30,6 +31,7 @@
 #include "platform/entity/InterfaceAllIntfStatusDir.h"
 #include "platform/entity/InterfaceAllIntfStatusLocalDir.h"
 #include "platform/entity/KernelNetInfoStatus.h"
+#include "platform/types/PktManager.h"
 
 namespace MirrorOnDrop {
 
@@ -54,7 +56,8 @@ class MountHolder : public Calyx::Object {
               Calyx::Ptr<HwConfig const> hwConfig, Calyx::Ptr<HwStatus> hwStatus,
               Calyx::Ptr<FtConfig const> hwFtConfig, Calyx::Ptr<FtStatus> hwFtStatus,
               Calyx::Ptr<KniStatus const> kniStatus, Calyx::Ptr<Report::Status> reportStatus,
-              Calyx::Ptr<Calyx::TaskScheduler> scheduler, Calyx::Ptr<Calyx::EventLoop> loop);
+              Calyx::Ptr<Calyx::TaskScheduler> scheduler, Calyx::Ptr<Calyx::EventLoop> loop,
+              Calyx::PktManager& pktManager);
 
   Calyx::Ptr<AllIntfStatusLocalDir const> const& allIntfStatusLocalDir() const {
     return allIntfStatusLocalDir_;
@@ -74,6 +77,7 @@ class MountHolder : public Calyx::Object {
   Calyx::Ptr<Report::Status> const& reportStatus() const { return reportStatus_; }
   Calyx::Ptr<Calyx::TaskScheduler> const& scheduler() const { return scheduler_; }
   Calyx::Ptr<Calyx::EventLoop> const& loop() const { return loop_; }
+  Calyx::PktManager& pktManager() const { return pktManager_; }
   Calyx::Ptr<Exchanger> const& exchanger() const { return exchanger_; }
   Calyx::Ptr<Calyx::TimerWheel> const& timer() const { return timer_; }
 
@@ -107,6 +111,7 @@ class MountHolder : public Calyx::Object {
   Calyx::Ptr<Report::Status> reportStatus_;
   Calyx::Ptr<Calyx::TaskScheduler> scheduler_;
   Calyx::Ptr<Calyx::EventLoop> loop_;
+  Calyx::PktManager& pktManager_;
   Calyx::Ptr<Exchanger> exchanger_;
   Calyx::Ptr<Calyx::TimerWheel> timer_;
 };
@@ -121,6 +126,7 @@ Calyx::Ptr<MountHolder> mountHolderFactory(
     Calyx::Ptr<MountHolder::HwConfig const> hwConfig, Calyx::Ptr<MountHolder::HwStatus> hwStatus,
     Calyx::Ptr<MountHolder::FtConfig const> hwFtConfig, Calyx::Ptr<MountHolder::FtStatus> hwFtStatus,
     Calyx::Ptr<MountHolder::KniStatus const> kniStatus, Calyx::Ptr<Report::Status> reportStatus,
-    Calyx::Ptr<Calyx::TaskScheduler> scheduler, Calyx::Ptr<Calyx::EventLoop> loop);
+    Calyx::Ptr<Calyx::TaskScheduler> scheduler, Calyx::Ptr<Calyx::EventLoop> loop,
+    Calyx::PktManager& pktManager);
 
 }  // namespace MirrorOnDrop

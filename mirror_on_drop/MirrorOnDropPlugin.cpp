@@ -45,7 +45,7 @@ FeaturePart holderMake(FeatureMounts const& m, FeatureTables const& t) {
                             partPtr<Collector::Status>(t.collectorStatus), partPtr<Emt::Config>(t.emtConfig),
                             partPtr<Emt::Status>(t.emtStatus), m.fcsd, m.hwConfig, m.hwStatus, nullptr,
                             nullptr, m.kniStatus, partPtr<Report::Status>(t.reportStatus), m.scheduler,
-                            m.loop);
+                            m.loop, *m.pktManager);
 }
 
 Ptr<Calyx::Task> taskToggleFeatureOffMake(FeaturePart const& holder, int priority) {
