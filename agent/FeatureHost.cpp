@@ -1,5 +1,7 @@
 #include "agent/FeatureHost.h"
 
+#include <algorithm>
+
 namespace MirrorOnDrop {
 
 using Calyx::make;

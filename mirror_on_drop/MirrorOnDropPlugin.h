@@ -80,7 +80,8 @@ using SharedRecords =
                       Collector::Key, Collector::EntryStatus, Emt::Key, Emt::EntryConfig, Emt::EntryStatus>;
 
 struct PluginTable {
-  // The table's own layout: bump it when a field below is added, removed or changes its type.
+  // The table's own layout: bump it when a field below is added, removed or changes its type, or when a type
+  // it passes changes (FeatureMounts, the plain-data rows above).
   static constexpr uint32_t kLayoutVersion = 3;
   // A host and a plug-in agree on this only if they agree on the table and on every shared record.
   static constexpr uint32_t kVersion = SharedRecords::versionOf(kLayoutVersion);
