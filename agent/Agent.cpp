@@ -99,30 +99,12 @@ class Agent::SignalReactor : public Calyx::EventLoop::Reactor {
   Agent& agent_;
 };
 
-// During a stop: the collectors' counters once the last STOP report is out (the turn-off is ready), since the
-// turn-off then ends with the sender's clean-up emptying the collector table before the summary can read it.
-class Agent::StopWatch : public MirrorOnDrop::Exchanger::Reactor {
- public:
-  StopWatch(Agent& agent, Ptr<MirrorOnDrop::Exchanger> exchanger)
-      : Reactor(std::move(exchanger)), agent_(agent) {
-    handleIsToggleFeatureOffReady();
-  }
-  void handleIsToggleFeatureOffReady() override {
-    if (agent_.host_->collectorStatus()->entryCount() == 0) return;
-    agent_.collectorsAtStop_ = agent_.plugin_->tableAs<MirrorOnDrop::PluginTable>().collectorCountersRead(
-        *agent_.host_->collectorStatus());
-  }
-
- private:
-  Agent& agent_;
-};
-
 Agent::Agent(AgentConfig config, std::string pluginPath, ConfigLoader loader)
     : config_(std::move(config)), pluginPath_(std::move(pluginPath)), loader_(std::move(loader)) {}
 
 Agent::~Agent() {
   signalReactor_.reset();
-  stopWatch_.reset();
+  stopWatch_ = nullptr;
   metrics_.reset();  // its threads ask the control service for the status
   heartbeatWatch_.reset();
   if (heartbeatFd_ >= 0) close(heartbeatFd_);
@@ -205,7 +187,7 @@ int Agent::start() {
   loop_->signalsEnable();
   signalReactor_ = std::make_unique<SignalReactor>(*this, loop_);
 
-  mounts_ = MirrorOnDrop::featureMountsMake(Ptr<Calyx::TaskScheduler>(&loop_->scheduler()));
+  mounts_ = MirrorOnDrop::featureMountsMake(loop_);
   // The chip's exact-match tables, in software on this host.
   for (auto const& [config, status, capacity] :
        {std::tuple(mounts_.emtConfigIpv4, mounts_.emtStatusIpv4, config_.exactMatchCapacityIpv4),
@@ -253,10 +235,9 @@ void Agent::tablesCheck() {
   auto const emtConfig = plugin.emtConfigFactory(kEmtConfig);
   (void)plugin.emtStatusFactory(kEmtStatus);
   (void)plugin.collectorStatusFactory(kCollectorStatus);
-  std::map<std::string, size_t> const entries = {
-      {report->entryControl()->name(), report->entryCount()},
-      {report->entryIntfControl()->name(), report->entryIntfCount()},
-      {kEmtConfig, emtConfig->entryCount()}};
+  std::map<std::string, size_t> entries;
+  for (auto const& table : {report, emtConfig})
+    for (auto const& e : plugin.tableEntriesRead(table)) entries[e.table] = e.entries;
   auto const holdsEntries = [&](std::string const& table) {
     auto const it = entries.find(table);
     return it == entries.end() || it->second > 0;
@@ -329,11 +310,11 @@ void Agent::heartbeat() {
 // at most per collector, however many reports failed.
 void Agent::sendErrorsSay() {
   if (!host_) return;
-  for (auto const& [who, e] : host_->holder()->exchanger()->sendErrors()) {
-    uint64_t& said = sendErrorsSaid_[who];
+  for (auto const& e : host_->sendErrors()) {
+    uint64_t& said = sendErrorsSaid_[{e.exporter, e.collector}];
     if (e.count < said) said = 0;  // cleared meanwhile
     if (e.count == said) continue;
-    say("collector " + who.first + "/" + who.second + ": " + std::to_string(e.count - said) +
+    say("collector " + e.exporter + "/" + e.collector + ": " + std::to_string(e.count - said) +
         " report sends failed (" + std::strerror(e.lastErrno) + "), " + std::to_string(e.count) + " in all");
     said = e.count;
   }
@@ -343,26 +324,20 @@ void Agent::sendErrorsSay() {
 // tables publish in shared memory), in the renderer modctl uses. The interface and exact-match counts walk
 // their tables' slots once, comparing no keys.
 std::string Agent::metricsText() const {
+  MirrorOnDrop::FeatureTableCounts const counts = host_->tableCounts();
   Ops::TableCounts t;
-  t.flows = host_->reportStatus()->entryCount();
-  host_->reportStatus()->entryIntfControl()->forEachEntryUnordered([&](MirrorOnDrop::Report::Interface::
-                                                                           Entry const& e) {
-    t.interfaces.push_back({{"interface", std::string(e.key().intfId().name())}, {"flows", e.countReport()}});
-  });
-  std::sort(t.interfaces.begin(), t.interfaces.end(),
-            [](auto const& a, auto const& b) { return a["interface"] < b["interface"]; });
-  auto const read = plugin_->tableAs<MirrorOnDrop::PluginTable>().collectorCountersRead;
-  for (auto const& c : read(*host_->collectorStatus())) {
+  t.flows = counts.flows;
+  for (auto const& i : counts.interfaces)
+    t.interfaces.push_back({{"interface", i.interface}, {"flows", i.flows}});
+  for (auto const& c : host_->collectors()) {
     t.collectors.push_back({{"exporter", c.exporter},
                             {"collector", c.collector},
                             {"bytes", c.bytes},
                             {"start", c.start},
                             {"stop", c.stop}});
   }
-  t.exactMatch = host_->emtConfig()->entryCount();
-  host_->emtStatus()->forEachEntryUnordered(
-      [&](MirrorOnDrop::Emt::EntryStatus const& e) { t.exactMatchInstalled += e.isInstalled(); });
-  t.exactMatchInstalled = std::min(t.exactMatchInstalled, t.exactMatch);
+  t.exactMatch = counts.exactMatch;
+  t.exactMatchInstalled = counts.exactMatchInstalled;
   auto const status = Ops::Json::parse(control_->answer(R"({"command": "status"})"));
   return Ops::metricsText(Ops::AgentState::answered, status, t);
 }
@@ -377,8 +352,7 @@ std::string Agent::statusLine() const {
   std::ostringstream os;
   if (!p.empty())
     os << "degraded: " << p.front() << (p.size() > 1 ? " (and more: modctl status)" : "") << "; ";
-  os << "feature " << (host_->featureOn() ? "on" : "off") << ", " << host_->reportStatus()->entryCount()
-     << " flows";
+  os << "feature " << (host_->featureOn() ? "on" : "off") << ", " << host_->flowCount() << " flows";
   return os.str();
 }
 
@@ -388,16 +362,17 @@ void Agent::statusAdd(nlohmann::json& status) const {
   status["health"] = p.empty() ? "ok" : "degraded";
   status["problems"] = p;
   status["captures"] = captures_->json();
-  auto const& errors = host_->holder()->exchanger()->sendErrors();
-  auto const read = plugin_->tableAs<MirrorOnDrop::PluginTable>().collectorCountersRead;
+  auto const errors = host_->sendErrors();
   nlohmann::json collectors = nlohmann::json::array();
-  for (auto const& c : read(*host_->collectorStatus())) {
-    auto const it = errors.find({c.exporter, c.collector});
+  for (auto const& c : host_->collectors()) {
+    auto const it = std::find_if(errors.begin(), errors.end(), [&](auto const& e) {
+      return e.exporter == c.exporter && e.collector == c.collector;
+    });
     bool const failed = it != errors.end();
     collectors.push_back({{"exporter", c.exporter},
                           {"collector", c.collector},
-                          {"send_errors", failed ? it->second.count : 0},
-                          {"last_error", failed ? std::strerror(it->second.lastErrno) : ""}});
+                          {"send_errors", failed ? it->count : 0},
+                          {"last_error", failed ? std::strerror(it->lastErrno) : ""}});
   }
   status["collectors"] = collectors;
   status["stopping"] = stop_ != Stop::none;
@@ -445,14 +420,17 @@ void Agent::stopAsked(int signo) {
 // once no flow is left. An interface whose 16-bit flow counter wrapped (65,536 flows) keeps exact-match
 // entries that nothing removes, and then the turn-off never completes: the deadline ends it.
 void Agent::stopGracefully() {
-  auto const& x = *host_->holder()->exchanger();
   stopRan_ = true;
-  stopLive_ = host_->reportStatus()->entryCount();
-  stopStopsBefore_ = x.counterSentStopReport();
+  stopLive_ = host_->flowCount();
+  stopStopsBefore_ = host_->counters().stopReports;
   double const began = Calyx::MonotonicClock::seconds();
   double const deadline = began + config_.stopTimeout;
   notify_.stopping("stopping: closing " + std::to_string(stopLive_) + " flows");
-  stopWatch_ = std::make_unique<StopWatch>(*this, host_->holder()->exchanger());
+  // The collectors' counters once the last STOP report is out (the turn-off is ready), since the turn-off
+  // then ends with the sender's clean-up emptying the collector table before the summary can read it.
+  stopWatch_ = host_->toggleOffReadyWatch([this] {
+    if (auto counters = host_->collectors(); !counters.empty()) collectorsAtStop_ = std::move(counters);
+  });
   if (host_->featureOn()) {
     say("stopping: turning the feature off to close " + std::to_string(stopLive_) + " live flows (at most " +
         seconds(config_.stopTimeout) + ")");
@@ -472,7 +450,7 @@ void Agent::stopGracefully() {
     }
   }
   stopSeconds_ = Calyx::MonotonicClock::seconds() - began;
-  stopWatch_.reset();
+  stopWatch_ = nullptr;
 }
 
 // As a kill -9 ends it: no clean-up runs, so the feature's clean-up does not empty the tables; the kernel
@@ -497,8 +475,8 @@ int Agent::runVirtual() {
     // Every flow has had its STOP once its report entry is gone. Exact-match entries are not waited for: the
     // STOP bookkeeping removes a flow's entries only on interfaces that still have a flow counter, so an
     // interface whose 16-bit counter wrapped (65,536 flows) leaves entries that nothing removes.
-    if (replayDone() && host_->reportStatus()->entryCount() == 0) {
-      if (size_t const left = host_->emtConfig()->entryCount())
+    if (replayDone() && host_->flowCount() == 0) {
+      if (size_t const left = host_->exactMatchCount())
         say(std::to_string(left) +
             " exact-match entries outlive their flows' STOP reports (their interface "
             "had no flow counter left: a counter wraps at 65,536 flows)");
@@ -533,49 +511,46 @@ bool Agent::replayDone() const {
 }
 
 void Agent::progress() {
-  auto const& x = *host_->holder()->exchanger();
+  MirrorOnDrop::FeatureCounters const x = host_->counters();
   std::ostringstream os;
-  os << "replaying: " << x.counterReceivedPacket() << " frames, " << host_->reportStatus()->entryCount()
-     << " live flows, " << x.counterSentStartReport() << " START and " << x.counterSentStopReport()
-     << " STOP reports sent";
-  if (x.counterRefusedFlow() > 0) os << ", " << x.counterRefusedFlow() << " drops of new flows refused";
+  os << "replaying: " << x.receivedPackets << " frames, " << host_->flowCount() << " live flows, "
+     << x.startReports << " START and " << x.stopReports << " STOP reports sent";
+  if (x.refusedFlows > 0) os << ", " << x.refusedFlows << " drops of new flows refused";
   say(os.str());
 }
 
 void Agent::summary() const {
-  auto const& x = *host_->holder()->exchanger();
+  MirrorOnDrop::FeatureCounters const x = host_->counters();
   uint64_t bytes = 0, sendErrors = 0;
   std::ostringstream collectors, failed;
-  auto const read = plugin_->tableAs<MirrorOnDrop::PluginTable>().collectorCountersRead;
-  auto counters = read(*host_->collectorStatus());
+  auto counters = host_->collectors();
   if (counters.empty() && stopRan_) counters = collectorsAtStop_;
   for (auto const& c : counters) {
     bytes += c.bytes;
     collectors << (collectors.tellp() > 0 ? ", " : "") << c.exporter << "/" << c.collector << " " << c.bytes;
   }
-  for (auto const& [who, e] : x.sendErrors()) {
+  for (auto const& e : host_->sendErrors()) {
     sendErrors += e.count;
-    failed << (failed.tellp() > 0 ? ", " : "") << who.first << "/" << who.second << " " << e.count << " ("
+    failed << (failed.tellp() > 0 ? ", " : "") << e.exporter << "/" << e.collector << " " << e.count << " ("
            << std::strerror(e.lastErrno) << ")";
   }
   std::ostringstream os;
-  os << "summary: frames received " << x.counterReceivedPacket() << ", processed "
-     << x.counterProcessedPacket() << ", rejected " << x.counterReceivedPacket() - x.counterProcessedPacket()
-     << "; flows " << x.counterSentStartReport() << ", flows refused " << x.counterRefusedFlow()
-     << "; reports START " << x.counterSentStartReport() << ", STOP " << x.counterSentStopReport()
-     << "; collector bytes " << bytes;
+  os << "summary: frames received " << x.receivedPackets << ", processed " << x.processedPackets
+     << ", rejected " << x.receivedPackets - x.processedPackets << "; flows " << x.startReports
+     << ", flows refused " << x.refusedFlows << "; reports START " << x.startReports << ", STOP "
+     << x.stopReports << "; collector bytes " << bytes;
   if (bytes > 0) os << " (" << collectors.str() << ")";
   os << "; send errors " << sendErrors;
   if (sendErrors > 0) os << " (" << failed.str() << ")";
   if (std::string const c = captures_->summary(); !c.empty()) os << "; capture " << c;
   if (stopRan_) {
-    uint64_t const closed = x.counterSentStopReport() - stopStopsBefore_;
-    uint64_t const left = stop_ == Stop::abandoned ? host_->reportStatus()->entryCount() : 0;
+    uint64_t const closed = x.stopReports - stopStopsBefore_;
+    uint64_t const left = stop_ == Stop::abandoned ? host_->flowCount() : 0;
     os << "; stop: " << closed << " flows closed, " << left << " left";
     if (stop_ == Stop::abandoned) {
       os << " (" << abandonedWhy_ << "; the next agent on " << config_.stateDir
          << " sends their STOP reports";
-      if (size_t const entries = host_->emtConfig()->entryCount())
+      if (size_t const entries = host_->exactMatchCount())
         os << "; " << entries << " exact-match entries left";
       os << ")";
     } else {

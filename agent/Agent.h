@@ -70,7 +70,6 @@ class Agent {
 
  private:
   class SignalReactor;
-  class StopWatch;
   enum class Stop { none, asked, abandoned };
 
   int start();
@@ -124,8 +123,8 @@ class Agent {
   uint64_t stopLive_ = 0;         // flows live when the stop began
   uint64_t stopStopsBefore_ = 0;  // STOP reports sent before it
   double stopSeconds_ = 0;
-  std::unique_ptr<StopWatch> stopWatch_;
-  std::vector<MirrorOnDrop::Collector::Counters> collectorsAtStop_;
+  MirrorOnDrop::FeaturePart stopWatch_;
+  std::vector<MirrorOnDrop::CollectorCounters> collectorsAtStop_;
 };
 
 }  // namespace ModAgent

@@ -18,7 +18,7 @@
 #include <string_view>
 
 #include "agent/TomlGuard.h"
-#include "mirror_on_drop/MirrorOnDropPlugin.h"
+#include "mirror_on_drop/MirrorOnDropNames.h"
 #include "platform/core/Trace.h"
 #include "platform/types/IntfId.h"
 

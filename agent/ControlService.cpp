@@ -123,21 +123,20 @@ std::string ControlService::answer(std::string const& request) {
 }
 
 std::string ControlService::status() const {
-  auto const& holder = *host_.holder();
-  auto const& x = *holder.exchanger();
+  MirrorOnDrop::FeatureCounters const x = host_.counters();
   json r{{"ok", true},
          {"feature", host_.featureOn() ? "on" : "off"},
          {"pid", getpid()},
          {"state_dir", stateDir_},
          {"uptime", wallNow() - started_},
          {"counters",
-          {{"received", x.counterReceivedPacket()},
-           {"processed", x.counterProcessedPacket()},
-           {"rejected", x.counterReceivedPacket() - x.counterProcessedPacket()},
-           {"refused_flows", x.counterRefusedFlow()},
-           {"start_reports", x.counterSentStartReport()},
-           {"stop_reports", x.counterSentStopReport()}}}};
-  if (auto const& t = holder.hwFtConfig()) {
+          {{"received", x.receivedPackets},
+           {"processed", x.processedPackets},
+           {"rejected", x.receivedPackets - x.processedPackets},
+           {"refused_flows", x.refusedFlows},
+           {"start_reports", x.startReports},
+           {"stop_reports", x.stopReports}}}};
+  if (auto const t = host_.activeTracker()) {
     r["tracker"] = {{"name", t->name()},
                     {"active_interval", t->activeInterval().seconds()},
                     {"inactive_timeout", t->inactiveTimeout().seconds()}};
@@ -160,9 +159,9 @@ std::string ControlService::status() const {
 }
 
 std::string ControlService::clearCounters(json const& req) {
-  auto const& holder = *host_.holder();
   std::string const exporter = req.value("exporter", "");
-  std::string const tracker = holder.hwFtConfig() ? holder.hwFtConfig()->name() : "";
+  auto const active = host_.activeTracker();
+  std::string const tracker = active ? active->name() : "";
   host_.mounts().configReq->clearCounterReqIs(
       Calyx::FlowTracking::ClearCounterReq(tracker, exporter, wallNow()));
   return line(json{{"ok", true}, {"cleared", exporter.empty() ? "all" : exporter}});

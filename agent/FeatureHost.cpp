@@ -1,11 +1,14 @@
 #include "agent/FeatureHost.h"
 
+#include <algorithm>
+
 namespace MirrorOnDrop {
 
 using Calyx::make;
 
-FeatureMounts featureMountsMake(Calyx::Ptr<Calyx::TaskScheduler> scheduler) {
+FeatureMounts featureMountsMake(Calyx::Ptr<Calyx::EventLoop> loop) {
   using Family = Calyx::IpGenAddr::Family;
+  auto scheduler = Calyx::Ptr<Calyx::TaskScheduler>(&loop->scheduler());
   return FeatureMounts{
       .config = make<Calyx::FlowTracking::Config>(),
       .status = make<Calyx::FlowTracking::Status>(),
@@ -18,7 +21,9 @@ FeatureMounts featureMountsMake(Calyx::Ptr<Calyx::TaskScheduler> scheduler) {
       .hwConfig = make<Calyx::HwFlowTracking::Config>(),
       .hwStatus = make<Calyx::HwFlowTracking::Status>(),
       .kniStatus = make<Calyx::KernelNetInfo::Status>(),
+      .loop = std::move(loop),
       .scheduler = std::move(scheduler),
+      .pktManager = &Calyx::PktManager::global(),
       .flexibleUftCapabilityStatus = make<Calyx::CalyxCentral::FlexibleUftCapabilityStatus>(),
       .miscConfig = make<Calyx::CalyxCentral::CalyxMiscConfig>(),
       .emtStatusIpv4 = make<Calyx::CalyxEm::ExactMatchEntryStatus>(Family::ipv4),
@@ -27,24 +32,16 @@ FeatureMounts featureMountsMake(Calyx::Ptr<Calyx::TaskScheduler> scheduler) {
       .emtConfigIpv6 = make<Calyx::CalyxEm::ExactMatchEntryConfig>(Family::ipv6)};
 }
 
-FeatureHost::FeatureHost(PluginTable const& plugin, FeatureMounts mounts) : mounts_(std::move(mounts)) {
-  FeatureMounts const& m = mounts_;
-  emtConfig_ = plugin.emtConfigFactory(TableName::kEmtConfig);
-  emtStatus_ = plugin.emtStatusFactory(TableName::kEmtStatus);
-  collectorStatus_ = plugin.collectorStatusFactory(TableName::kCollectorStatus);
-  reportStatus_ = plugin.reportStatusFactory(TableName::kReportStatus);
-  holder_ = plugin.mountHolderFactory(
-      m.allIntfStatusLocalDir, m.allIntfStatusDir, m.capabilities, m.configReq, collectorStatus_, emtConfig_,
-      emtStatus_, m.fcsd, m.hwConfig, m.hwStatus, nullptr, nullptr, m.kniStatus, reportStatus_, m.scheduler);
-  taskToggleFeatureOff_ = holder_->makeTask(ManagerSm::kTaskToggleFeatureOffName, kToggleFeatureOffPriority);
-  manager_ = plugin.managerSmFactory(
-      m.config, m.status, m.agentDir, m.hwConfig, m.capabilities, m.allIntfStatusDir, m.allIntfStatusDir,
-      m.allIntfStatusDir, m.kniStatus, m.kniStatus, m.kniStatus, m.allIntfStatusDir, m.scheduler, m.hwConfig,
-      m.hwStatus, emtConfig_, reportStatus_, taskToggleFeatureOff_, holder_->exchanger(), holder_);
-  if (plugin.adapterSmFactory) {
-    adapter_ = plugin.adapterSmFactory(m.flexibleUftCapabilityStatus, m.miscConfig, emtConfig_, emtStatus_,
-                                       m.emtStatusIpv4, m.emtConfigIpv4, m.emtStatusIpv6, m.emtConfigIpv6);
-  }
+FeatureHost::FeatureHost(PluginTable const& plugin, FeatureMounts mounts)
+    : plugin_(plugin), mounts_(std::move(mounts)) {
+  tables_ = {.emtConfig = plugin.emtConfigFactory(TableName::kEmtConfig),
+             .emtStatus = plugin.emtStatusFactory(TableName::kEmtStatus),
+             .collectorStatus = plugin.collectorStatusFactory(TableName::kCollectorStatus),
+             .reportStatus = plugin.reportStatusFactory(TableName::kReportStatus)};
+  holder_ = plugin.mountHolderFactory(mounts_, tables_);
+  taskToggleFeatureOff_ = plugin.taskToggleFeatureOffMake(holder_, kToggleFeatureOffPriority);
+  manager_ = plugin.managerSmFactory(mounts_, holder_, taskToggleFeatureOff_);
+  if (plugin.adapterSmFactory) adapter_ = plugin.adapterSmFactory(mounts_, tables_);
 }
 
 FeatureHost::~FeatureHost() {
@@ -52,10 +49,21 @@ FeatureHost::~FeatureHost() {
   manager_ = nullptr;
   taskToggleFeatureOff_ = nullptr;
   holder_ = nullptr;
-  reportStatus_ = nullptr;
-  collectorStatus_ = nullptr;
-  emtStatus_ = nullptr;
-  emtConfig_ = nullptr;
+  tables_.reportStatus = nullptr;
+  tables_.collectorStatus = nullptr;
+  tables_.emtStatus = nullptr;
+  tables_.emtConfig = nullptr;
+}
+
+FeatureTableCounts FeatureHost::tableCounts() const {
+  FeatureTableCounts t;
+  t.flows = flowCount();
+  t.interfaces = plugin_.interfaceFlowsRead(tables_.reportStatus);
+  std::sort(t.interfaces.begin(), t.interfaces.end(),
+            [](auto const& a, auto const& b) { return a.interface < b.interface; });
+  t.exactMatch = exactMatchCount();
+  t.exactMatchInstalled = std::min(plugin_.exactMatchInstalledCount(tables_.emtStatus), t.exactMatch);
+  return t;
 }
 
 }  // namespace MirrorOnDrop

@@ -7,43 +7,27 @@
 //         one;
 //   down: the adapter, the manager (its clean-up turns the feature off at once), the task, the holder, the
 //         tables.
-// It lives in the host because only the host knows both the platform and the plug-in's table; the platform
-// below knows no feature.
+// What it tells of the feature it asks the plug-in's table for, as plain data: the host holds the feature's
+// parts but never looks into them. It lives in the host because only the host knows both the platform and the
+// plug-in's table; the platform below knows no feature.
 
-#include <string>
+#include <functional>
+#include <vector>
 
 #include "mirror_on_drop/MirrorOnDropPlugin.h"
-#include "platform/entity/Dir.h"
-#include "platform/entity/FlowTrackingConfig.h"
-#include "platform/entity/FlowTrackingStatus.h"
 
 namespace MirrorOnDrop {
 
-// What the host mounts for the feature. Every reference must be set.
-struct FeatureMounts {
-  Calyx::Ptr<Calyx::FlowTracking::Config> config;
-  Calyx::Ptr<Calyx::FlowTracking::Status> status;
-  Calyx::Ptr<Calyx::Dir> agentDir;
-  Calyx::Ptr<Calyx::Interface::AllIntfStatusLocalDir> allIntfStatusLocalDir;
-  Calyx::Ptr<Calyx::Interface::AllIntfStatusDir> allIntfStatusDir;
-  Calyx::Ptr<Calyx::HwFlowTracking::Capabilities> capabilities;
-  Calyx::Ptr<Calyx::FlowTracking::ConfigReq> configReq;
-  Calyx::Ptr<Calyx::CalyxCentral::FeatureAgentCommonSmData> fcsd;
-  Calyx::Ptr<Calyx::HwFlowTracking::Config> hwConfig;
-  Calyx::Ptr<Calyx::HwFlowTracking::Status> hwStatus;
-  Calyx::Ptr<Calyx::KernelNetInfo::Status> kniStatus;
-  Calyx::Ptr<Calyx::TaskScheduler> scheduler;
-  // The chip's exact-match tables and what decides whether they may be used.
-  Calyx::Ptr<Calyx::CalyxCentral::FlexibleUftCapabilityStatus> flexibleUftCapabilityStatus;
-  Calyx::Ptr<Calyx::CalyxCentral::CalyxMiscConfig> miscConfig;
-  Calyx::Ptr<Calyx::CalyxEm::ExactMatchEntryStatus> emtStatusIpv4;
-  Calyx::Ptr<Calyx::CalyxEm::ExactMatchEntryConfig> emtConfigIpv4;
-  Calyx::Ptr<Calyx::CalyxEm::ExactMatchEntryStatus> emtStatusIpv6;
-  Calyx::Ptr<Calyx::CalyxEm::ExactMatchEntryConfig> emtConfigIpv6;
-};
+// Every mounted entity made afresh, empty, for a loop.
+FeatureMounts featureMountsMake(Calyx::Ptr<Calyx::EventLoop> loop);
 
-// Every mounted entity made afresh, empty, for a scheduler.
-FeatureMounts featureMountsMake(Calyx::Ptr<Calyx::TaskScheduler> scheduler);
+// What the shared tables hold, counted for the host's metrics.
+struct FeatureTableCounts {
+  size_t flows = 0;
+  std::vector<InterfaceFlows> interfaces;  // by interface name
+  size_t exactMatch = 0;                   // exact-match entries requested
+  size_t exactMatchInstalled = 0;          // of which installed
+};
 
 class FeatureHost {
  public:
@@ -54,26 +38,33 @@ class FeatureHost {
   FeatureHost& operator=(FeatureHost const&) = delete;
 
   FeatureMounts const& mounts() const { return mounts_; }
-  Calyx::Ptr<Emt::Config> const& emtConfig() const { return emtConfig_; }
-  Calyx::Ptr<Emt::Status> const& emtStatus() const { return emtStatus_; }
-  Calyx::Ptr<Collector::Status> const& collectorStatus() const { return collectorStatus_; }
-  Calyx::Ptr<Report::Status> const& reportStatus() const { return reportStatus_; }
-  Calyx::Ptr<MountHolder> const& holder() const { return holder_; }
-  Calyx::Ptr<ManagerSm> const& manager() const { return manager_; }
-  Calyx::Ptr<AdapterSm> const& adapter() const { return adapter_; }
+  FeaturePart const& adapter() const { return adapter_; }
   // The feature is on: its entity is in the agent's directory.
-  bool featureOn() const { return static_cast<bool>(mounts_.agentDir->entry(ManagerSm::kAgentName)); }
+  bool featureOn() const { return plugin_.featureOn(*mounts_.agentDir); }
+  FeatureCounters counters() const { return plugin_.countersRead(holder_); }
+  std::vector<CollectorSendErrors> sendErrors() const { return plugin_.sendErrorsRead(holder_); }
+  Calyx::Ptr<Calyx::HwFlowTracking::FtConfig const> activeTracker() const {
+    return plugin_.activeTracker(holder_);
+  }
+  std::vector<CollectorCounters> collectors() const {
+    return plugin_.collectorCountersRead(tables_.collectorStatus);
+  }
+  size_t flowCount() const { return plugin_.entryCount(tables_.reportStatus); }
+  size_t exactMatchCount() const { return plugin_.entryCount(tables_.emtConfig); }
+  FeatureTableCounts tableCounts() const;
+  // onReady runs now and whenever a turn-off has sent its last STOP report, while the returned part lives.
+  FeaturePart toggleOffReadyWatch(std::function<void()> onReady) const {
+    return plugin_.toggleOffReadyWatch(holder_, std::move(onReady));
+  }
 
  private:
+  PluginTable const& plugin_;
   FeatureMounts mounts_;
-  Calyx::Ptr<Emt::Config> emtConfig_;
-  Calyx::Ptr<Emt::Status> emtStatus_;
-  Calyx::Ptr<Collector::Status> collectorStatus_;
-  Calyx::Ptr<Report::Status> reportStatus_;
-  Calyx::Ptr<MountHolder> holder_;
+  FeatureTables tables_;
+  FeaturePart holder_;
   Calyx::Ptr<Calyx::Task> taskToggleFeatureOff_;
-  Calyx::Ptr<ManagerSm> manager_;
-  Calyx::Ptr<AdapterSm> adapter_;
+  FeaturePart manager_;
+  FeaturePart adapter_;
 };
 
 }  // namespace MirrorOnDrop

@@ -4,7 +4,7 @@
 
 #include "agent/Agent.h"
 #include "agent/ConfigFile.h"
-#include "mirror_on_drop/MirrorOnDropPlugin.h"  // the trace handles, for the help
+#include "mirror_on_drop/MirrorOnDropNames.h"  // the trace handles, for the help
 #include "platform/core/Trace.h"
 
 namespace {

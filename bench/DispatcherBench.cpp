@@ -64,12 +64,13 @@ class Rig {
     fcsd->intfIs(kIntf);
     auto ftConfig = make<HwFlowTracking::FtConfig>("t1");
     auto ftStatus = hwStatus_->hwFtStatusIs("t1");
-    holder_ = mountHolderFactory(
-        make<Interface::AllIntfStatusLocalDir>(), statusDir, make<HwFlowTracking::Capabilities>(),
-        make<FlowTracking::ConfigReq>(), Collector::statusFactory("collectorStatus"),
-        Emt::configFactory("emtConfig"), Emt::statusFactory("emtStatus"), fcsd,
-        make<HwFlowTracking::Config>(), hwStatus_, ftConfig, ftStatus, make<KernelNetInfo::Status>(),
-        Report::statusFactory("reportStatus"), Ptr<TaskScheduler>(&loop_->scheduler()));
+    holder_ = mountHolderFactory(make<Interface::AllIntfStatusLocalDir>(), statusDir,
+                                 make<HwFlowTracking::Capabilities>(), make<FlowTracking::ConfigReq>(),
+                                 Collector::statusFactory("collectorStatus"), Emt::configFactory("emtConfig"),
+                                 Emt::statusFactory("emtStatus"), fcsd, make<HwFlowTracking::Config>(),
+                                 hwStatus_, ftConfig, ftStatus, make<KernelNetInfo::Status>(),
+                                 Report::statusFactory("reportStatus"),
+                                 Ptr<TaskScheduler>(&loop_->scheduler()), loop_, PktManager::global());
     start();
   }
   ~Rig() {

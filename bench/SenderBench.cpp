@@ -17,6 +17,7 @@
 #include "bench/BenchSweep.h"
 #include "mirror_on_drop/MirrorOnDropSenderSm.h"
 #include "platform/core/EventLoop.h"
+#include "platform/types/PktManager.h"
 #include "testkit/TempStateDir.h"
 
 using namespace MirrorOnDrop;
@@ -158,9 +159,10 @@ void BM_SendReport(benchmark::State& state) {
   auto exchanger = make<Exchanger>();
   auto batch = make<Report::EntryOutbox>();
   BatchDrain drain(exchanger, batch);
-  auto sender = make<SenderSm>(make<FlowTracking::ConfigReq>(), config, make<HwFlowTracking::FtStatus>("t1"),
-                               Collector::statusFactory("collectorStatus"), reportStatus,
-                               loop->scheduler().taskNew("MOD-Task:report", 3), wheel, exchanger);
+  auto sender =
+      make<SenderSm>(make<FlowTracking::ConfigReq>(), config, make<HwFlowTracking::FtStatus>("t1"),
+                     Collector::statusFactory("collectorStatus"), reportStatus,
+                     loop->scheduler().taskNew("MOD-Task:report", 3), wheel, exchanger, PktManager::global());
   BenchSweep::CpuTimer cpu;
   for (auto _ : state) {
     state.PauseTiming();

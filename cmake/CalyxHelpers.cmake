@@ -1,3 +1,18 @@
+# Include roots per layer. Sources include by path from the top of the tree ("platform/core/Ptr.h"); a target
+# is not given the top itself but, per top-level folder its layer may see, a root in the build tree holding
+# only a link to that folder. So an include that points up or sideways fails to compile in that target, not only
+# in scripts/check-layers. calyx_include_root(<target> <scope> <folder>...) gives a target those roots.
+function(calyx_include_root target scope)
+  foreach(folder IN LISTS ARGN)
+    set(root ${PROJECT_BINARY_DIR}/include-roots/${folder})
+    if(NOT EXISTS ${root}/${folder})
+      file(MAKE_DIRECTORY ${root})
+      file(CREATE_LINK ${PROJECT_SOURCE_DIR}/${folder} ${root}/${folder} SYMBOLIC)
+    endif()
+    target_include_directories(${target} ${scope} ${root})
+  endforeach()
+endfunction()
+
 # Every source file of a component is picked up by its folder, so adding a unit never means editing a list.
 function(calyx_sources out)
   set(all)

@@ -51,7 +51,7 @@ struct Harness {
 
   std::string stateDir;
   Ptr<EventLoop> loop = EventLoop::makeSimulated();
-  FeatureMounts mounts = featureMountsMake(Ptr<TaskScheduler>(&loop->scheduler()));
+  FeatureMounts mounts = featureMountsMake(loop);
   std::unique_ptr<FeatureHost> host;
   std::unique_ptr<ModAgent::ControlService> service;
 };

@@ -185,12 +185,4 @@ std::ostream& operator<<(std::ostream& os, EntryStatus const& v) {
   return os << v.valueToStrep();
 }
 
-std::vector<Counters> countersRead(Status const& status) {
-  std::vector<Counters> out;
-  status.forEachEntry([&](EntryStatus const& e) {
-    out.push_back({e.key().exporter(), e.key().collector(), e.bytes(), e.start(), e.stop()});
-  });
-  return out;
-}
-
 }  // namespace MirrorOnDrop::Collector

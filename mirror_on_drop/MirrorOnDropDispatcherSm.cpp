@@ -61,9 +61,9 @@ DispatcherSm::DispatcherSm(Ptr<Emt::Config> emtConfig, Ptr<Emt::Status const> em
   timerReactor_ = std::make_unique<TimerReactor>(*this, timerAgeout_);
   exchangerReactor_ = std::make_unique<ExchangerReactor>(*this, exchanger_);
   Ptr<Calyx::Interface::AllIntfStatusLocalDir const> const& local = mountHolder_->allIntfStatusLocalDir();
-  pamManager_ = Calyx::make<PamManager>(Constant::Timer::activityManager(),
-                                        Calyx::make<Calyx::Interface::PamDesiredIntfDir>(),
-                                        local->pamCollection(), mountHolder_->allIntfStatusDir());
+  pamManager_ =
+      Calyx::make<PamManager>(*mountHolder_->loop(), Calyx::make<Calyx::Interface::PamDesiredIntfDir>(),
+                              local->pamCollection(), mountHolder_->allIntfStatusDir());
 
   reportStartOutboxIs(Calyx::make<Report::Outbox>());
   reportStartEntryOutboxActiveIs(batchNew());
@@ -133,10 +133,10 @@ void DispatcherSm::senderSmIs(Ptr<SenderSm::ConfigReq const> configReq,
                               Ptr<SenderSm::FtStatus const> hwFtStatus,
                               Ptr<Collector::Status> collectorStatus, Ptr<Report::Status const> reportStatus,
                               Ptr<Calyx::Task> task, Ptr<Calyx::TimerWheel> const& timerWheel,
-                              Ptr<Exchanger> exchanger) {
+                              Ptr<Exchanger> exchanger, Calyx::PktManager& pktManager) {
   senderSm_ = Calyx::make<SenderSm>(std::move(configReq), std::move(hwFtConfig), std::move(hwFtStatus),
                                     std::move(collectorStatus), std::move(reportStatus), std::move(task),
-                                    timerWheel, std::move(exchanger));
+                                    timerWheel, std::move(exchanger), pktManager);
 }
 
 void DispatcherSm::senderSmDel() {
@@ -158,7 +158,7 @@ void DispatcherSm::receiverSmDel() {
 void DispatcherSm::senderSmMake() {
   MountHolder const& h = *mountHolder_;
   senderSmIs(h.configReq(), h.hwFtConfig(), h.hwFtStatus(), h.collectorStatus(), reportStatus_,
-             h.makeTask(kReportTaskName, kReportTaskPriority), timerWheel_, exchanger_);
+             h.makeTask(kReportTaskName, kReportTaskPriority), timerWheel_, exchanger_, h.pktManager());
 }
 
 void DispatcherSm::receiverSmMake() {

@@ -110,7 +110,8 @@ class DispatcherSm : public Calyx::Object {
                   Calyx::Ptr<SenderSm::FtStatus const> hwFtStatus,
                   Calyx::Ptr<Collector::Status> collectorStatus,
                   Calyx::Ptr<Report::Status const> reportStatus, Calyx::Ptr<Calyx::Task> task,
-                  Calyx::Ptr<Calyx::TimerWheel> const& timerWheel, Calyx::Ptr<Exchanger> exchanger);
+                  Calyx::Ptr<Calyx::TimerWheel> const& timerWheel, Calyx::Ptr<Exchanger> exchanger,
+                  Calyx::PktManager& pktManager);
   void senderSmDel();
   void receiverSmIs(Calyx::Ptr<ReceiverSm::FeatureAgentCommonSmData const> fcsd,
                     Calyx::Ptr<ReceiverSm::PamDesiredIntfDir> pamDesiredIntfDir,

@@ -1,6 +1,6 @@
 #include "mirror_on_drop/MirrorOnDropMountHolder.h"
 
-#include "platform/core/EventLoop.h"
+#include "platform/core/Assert.h"
 
 namespace MirrorOnDrop {
 
@@ -10,6 +10,11 @@ namespace {
 // How the feature's wheel fires: each timer at its own time, not in bucket-wide batches.
 constexpr bool kFireInBatches = false;
 constexpr uint32_t kMaxFirePerTurn = 1024;
+
+Calyx::EventLoop& activityManager(Ptr<Calyx::EventLoop> const& loop) {
+  CALYX_ASSERT(loop, "No activity manager: the event loop must exist before the feature's timers.");
+  return *loop;
+}
 }  // namespace
 
 MountHolder::MountHolder(Ptr<AllIntfStatusLocalDir const> allIntfStatusLocalDir,
@@ -19,7 +24,8 @@ MountHolder::MountHolder(Ptr<AllIntfStatusLocalDir const> allIntfStatusLocalDir,
                          Ptr<FeatureAgentCommonSmData const> fcsd, Ptr<HwConfig const> hwConfig,
                          Ptr<HwStatus> hwStatus, Ptr<FtConfig const> hwFtConfig, Ptr<FtStatus> hwFtStatus,
                          Ptr<KniStatus const> kniStatus, Ptr<Report::Status> reportStatus,
-                         Ptr<Calyx::TaskScheduler> scheduler)
+                         Ptr<Calyx::TaskScheduler> scheduler, Ptr<Calyx::EventLoop> loop,
+                         Calyx::PktManager& pktManager)
     : allIntfStatusLocalDir_(std::move(allIntfStatusLocalDir)),
       allIntfStatusDir_(std::move(allIntfStatusDir)),
       capabilities_(std::move(capabilities)),
@@ -35,10 +41,11 @@ MountHolder::MountHolder(Ptr<AllIntfStatusLocalDir const> allIntfStatusLocalDir,
       kniStatus_(std::move(kniStatus)),
       reportStatus_(std::move(reportStatus)),
       scheduler_(std::move(scheduler)),
+      loop_(std::move(loop)),
+      pktManager_(pktManager),
       exchanger_(Calyx::make<Exchanger>()),
-      timer_(Calyx::make<Calyx::TimerWheel>(Constant::Timer::activityManager(),
-                                            Constant::Timer::granularity(), Constant::Timer::maxTicks(),
-                                            kFireInBatches, kMaxFirePerTurn)) {}
+      timer_(Calyx::make<Calyx::TimerWheel>(activityManager(loop_), Constant::Timer::granularity(),
+                                            Constant::Timer::maxTicks(), kFireInBatches, kMaxFirePerTurn)) {}
 
 Ptr<MountHolder> mountHolderFactory(
     Ptr<MountHolder::AllIntfStatusLocalDir const> allIntfStatusLocalDir,
@@ -48,12 +55,13 @@ Ptr<MountHolder> mountHolderFactory(
     Ptr<MountHolder::FeatureAgentCommonSmData const> fcsd, Ptr<MountHolder::HwConfig const> hwConfig,
     Ptr<MountHolder::HwStatus> hwStatus, Ptr<MountHolder::FtConfig const> hwFtConfig,
     Ptr<MountHolder::FtStatus> hwFtStatus, Ptr<MountHolder::KniStatus const> kniStatus,
-    Ptr<Report::Status> reportStatus, Ptr<Calyx::TaskScheduler> scheduler) {
+    Ptr<Report::Status> reportStatus, Ptr<Calyx::TaskScheduler> scheduler, Ptr<Calyx::EventLoop> loop,
+    Calyx::PktManager& pktManager) {
   return Calyx::make<MountHolder>(
       std::move(allIntfStatusLocalDir), std::move(allIntfStatusDir), std::move(capabilities),
       std::move(configReq), std::move(collectorStatus), std::move(emtConfig), std::move(emtStatus),
       std::move(fcsd), std::move(hwConfig), std::move(hwStatus), std::move(hwFtConfig), std::move(hwFtStatus),
-      std::move(kniStatus), std::move(reportStatus), std::move(scheduler));
+      std::move(kniStatus), std::move(reportStatus), std::move(scheduler), std::move(loop), pktManager);
 }
 
 }  // namespace MirrorOnDrop

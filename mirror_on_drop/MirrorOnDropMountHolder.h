@@ -3,13 +3,15 @@
 // entities the host mounted for the feature, the Exchanger through which the state machines hand work to each
 // other, and the feature's timer wheel. The state machines hold it, so it outlives them all.
 //
-// The fifteen mounted references are fixed for the holder's life, except hwFtConfig and hwFtStatus: plain
+// The mounted references are fixed for the holder's life, except hwFtConfig and hwFtStatus: plain
 // references without notification, which the manager points at the active tracker's configuration and status
 // while the feature is on and empties when it turns off.
 //
-// The timer wheel runs on the activity manager's clock (the first event loop of the process), with the
-// feature's tuning: 200 ms buckets, a horizon of 525600 buckets, every timer fired at its exact time, at most
-// 1024 timers fired per loop turn.
+// The host hands over the event loop that drives the feature (its activity manager) and the packet pool with
+// the other mounts: the feature's timer wheel runs on that loop's clock, the dispatcher opens its packet
+// access there, and the sender takes its report packets from that pool; the feature never looks for a loop
+// or a pool of its own. The wheel has the feature's tuning: 200 ms buckets, a horizon of
+// 525600 buckets, every timer fired at its exact time, at most 1024 timers fired per loop turn.
 
 #include <string>
 
@@ -17,6 +19,7 @@
 #include "mirror_on_drop/MirrorOnDropEmtCommon.h"
 #include "mirror_on_drop/MirrorOnDropExchanger.h"
 #include "mirror_on_drop/MirrorOnDropReport.h"
+#include "platform/core/EventLoop.h"
 #include "platform/core/Task.h"
 #include "platform/core/TaskScheduler.h"
 #include "platform/core/TimerWheel.h"
@@ -28,6 +31,7 @@
 #include "platform/entity/InterfaceAllIntfStatusDir.h"
 #include "platform/entity/InterfaceAllIntfStatusLocalDir.h"
 #include "platform/entity/KernelNetInfoStatus.h"
+#include "platform/types/PktManager.h"
 
 namespace MirrorOnDrop {
 
@@ -52,7 +56,8 @@ class MountHolder : public Calyx::Object {
               Calyx::Ptr<HwConfig const> hwConfig, Calyx::Ptr<HwStatus> hwStatus,
               Calyx::Ptr<FtConfig const> hwFtConfig, Calyx::Ptr<FtStatus> hwFtStatus,
               Calyx::Ptr<KniStatus const> kniStatus, Calyx::Ptr<Report::Status> reportStatus,
-              Calyx::Ptr<Calyx::TaskScheduler> scheduler);
+              Calyx::Ptr<Calyx::TaskScheduler> scheduler, Calyx::Ptr<Calyx::EventLoop> loop,
+              Calyx::PktManager& pktManager);
 
   Calyx::Ptr<AllIntfStatusLocalDir const> const& allIntfStatusLocalDir() const {
     return allIntfStatusLocalDir_;
@@ -71,6 +76,8 @@ class MountHolder : public Calyx::Object {
   Calyx::Ptr<KniStatus const> const& kniStatus() const { return kniStatus_; }
   Calyx::Ptr<Report::Status> const& reportStatus() const { return reportStatus_; }
   Calyx::Ptr<Calyx::TaskScheduler> const& scheduler() const { return scheduler_; }
+  Calyx::Ptr<Calyx::EventLoop> const& loop() const { return loop_; }
+  Calyx::PktManager& pktManager() const { return pktManager_; }
   Calyx::Ptr<Exchanger> const& exchanger() const { return exchanger_; }
   Calyx::Ptr<Calyx::TimerWheel> const& timer() const { return timer_; }
 
@@ -103,6 +110,8 @@ class MountHolder : public Calyx::Object {
   Calyx::Ptr<KniStatus const> kniStatus_;
   Calyx::Ptr<Report::Status> reportStatus_;
   Calyx::Ptr<Calyx::TaskScheduler> scheduler_;
+  Calyx::Ptr<Calyx::EventLoop> loop_;
+  Calyx::PktManager& pktManager_;
   Calyx::Ptr<Exchanger> exchanger_;
   Calyx::Ptr<Calyx::TimerWheel> timer_;
 };
@@ -117,6 +126,7 @@ Calyx::Ptr<MountHolder> mountHolderFactory(
     Calyx::Ptr<MountHolder::HwConfig const> hwConfig, Calyx::Ptr<MountHolder::HwStatus> hwStatus,
     Calyx::Ptr<MountHolder::FtConfig const> hwFtConfig, Calyx::Ptr<MountHolder::FtStatus> hwFtStatus,
     Calyx::Ptr<MountHolder::KniStatus const> kniStatus, Calyx::Ptr<Report::Status> reportStatus,
-    Calyx::Ptr<Calyx::TaskScheduler> scheduler);
+    Calyx::Ptr<Calyx::TaskScheduler> scheduler, Calyx::Ptr<Calyx::EventLoop> loop,
+    Calyx::PktManager& pktManager);
 
 }  // namespace MirrorOnDrop

@@ -167,7 +167,8 @@ class SenderSm::ExpConfigReactor : public ExporterConfig::Reactor {
 SenderSm::SenderSm(Ptr<ConfigReq const> configReq, Ptr<FtConfig const> hwFtConfig,
                    Ptr<FtStatus const> hwFtStatus, Ptr<Collector::Status> collectorStatus,
                    Ptr<Report::Status const> reportStatus, Ptr<Calyx::Task> taskReport,
-                   Ptr<Calyx::TimerWheel> const& timerWheel, Ptr<Exchanger> exchanger)
+                   Ptr<Calyx::TimerWheel> const& timerWheel, Ptr<Exchanger> exchanger,
+                   Calyx::PktManager& pktManager)
     : configReq_(std::move(configReq)),
       hwFtConfig_(std::move(hwFtConfig)),
       hwFtStatus_(std::move(hwFtStatus)),
@@ -176,6 +177,7 @@ SenderSm::SenderSm(Ptr<ConfigReq const> configReq, Ptr<FtConfig const> hwFtConfi
       taskReport_(std::move(taskReport)),
       timerReport_(timerWheel->timerNew()),
       exchanger_(std::move(exchanger)),
+      pktManager_(pktManager),
       udpPam_(Calyx::make<MirrorOnDrop::UdpPam>()) {
   configReqReactor_ = std::make_unique<ConfigReqReactor>(*this, configReq_);
   ftConfigReactor_ = std::make_unique<FtConfigReactor>(*this, hwFtConfig_);
@@ -334,7 +336,7 @@ bool SenderSm::packetBuild(Report::Key const& key, bool isStop, Calyx::Pkt& pkt)
 bool SenderSm::sendReport(Ptr<Report::EntryOutbox> const& entry, bool isStop) {
   MOD_TRACE(trace(), 8, "SenderSm::sendReport(" << (isStop ? "STOP" : "START") << ")");
   Detail::TraceManager::Scope scope;
-  Ptr<Calyx::Pkt> const pkt = Calyx::PktManager::global().newPkt();
+  Ptr<Calyx::Pkt> const pkt = pktManager_.newPkt();
   uint64_t sent = 0;
   // The dispatcher takes each announced key out of the batch inside the announcement, so the batch's first
   // key is always the next one to send: an activation costs what it sends, however many keys are left.

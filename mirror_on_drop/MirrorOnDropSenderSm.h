@@ -42,7 +42,8 @@ class SenderSm : public Calyx::Object {
   SenderSm(Calyx::Ptr<ConfigReq const> configReq, Calyx::Ptr<FtConfig const> hwFtConfig,
            Calyx::Ptr<FtStatus const> hwFtStatus, Calyx::Ptr<Collector::Status> collectorStatus,
            Calyx::Ptr<Report::Status const> reportStatus, Calyx::Ptr<Calyx::Task> taskReport,
-           Calyx::Ptr<Calyx::TimerWheel> const& timerWheel, Calyx::Ptr<Exchanger> exchanger);
+           Calyx::Ptr<Calyx::TimerWheel> const& timerWheel, Calyx::Ptr<Exchanger> exchanger,
+           Calyx::PktManager& pktManager);
 
   Calyx::Ptr<ConfigReq const> const& configReq() const { return configReq_; }
   Calyx::Ptr<FtConfig const> const& hwFtConfig() const { return hwFtConfig_; }
@@ -97,6 +98,7 @@ class SenderSm : public Calyx::Object {
   Calyx::Ptr<Calyx::Task> taskReport_;
   Calyx::Ptr<Calyx::Timer> timerReport_;
   Calyx::Ptr<Exchanger> exchanger_;
+  Calyx::PktManager& pktManager_;  // where report packets come from; the host's, outliving the sender
   Calyx::Ptr<MirrorOnDrop::UdpPam> udpPam_;
   std::map<Calyx::String, std::unique_ptr<ExpConfigReactor>> expConfig_;
   std::unique_ptr<ConfigReqReactor> configReqReactor_;

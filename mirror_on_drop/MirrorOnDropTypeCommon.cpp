@@ -7,7 +7,6 @@
 
 #include "mirror_on_drop/MirrorOnDropValueText.h"
 #include "platform/core/Assert.h"
-#include "platform/core/EventLoop.h"
 #include "platform/types/ByteOrder.h"
 #include "platform/types/EtherType.h"
 #include "platform/types/Hash.h"
@@ -28,16 +27,6 @@ IpGenAddr parseAddress(std::string_view text, std::string_view name) {
 }  // namespace
 
 // --- Constant ---
-
-Calyx::EventLoop& Constant::Timer::activityManager() {
-  Calyx::EventLoop* manager = Calyx::EventLoop::current();
-  CALYX_ASSERT(manager, "No activity manager: the event loop must exist before the feature's timers.");
-  return *manager;
-}
-
-Calyx::Clock const& Constant::Timer::activityClock() {
-  return activityManager().clock();
-}
 
 Constant::Timer::Timer(std::string_view text) {
   ValueTextReader r(text, "MirrorOnDrop::Constant::Timer", "granularity");

@@ -12,15 +12,10 @@
 #include <string>
 #include <string_view>
 
-#include "platform/core/Clock.h"
 #include "platform/table/SharedTableOptions.h"
 #include "platform/types/ByteOrder.h"
 #include "platform/types/Hash.h"
 #include "platform/types/IpGenAddr.h"
-
-namespace Calyx {
-class EventLoop;
-}
 
 namespace MirrorOnDrop {
 
@@ -38,13 +33,10 @@ class Constant {
   static constexpr uint8_t packetSampleSize() { return 80; }
   static constexpr uint16_t tableCapacity() { return 1024; }
 
-  // The parameters of the agent's timer wheel. No state: any two are equal.
+  // The parameters of the agent's timer wheel (which runs on the loop the host hands the MountHolder). No
+  // state: any two are equal.
   class Timer {
    public:
-    // The activity manager (the process's first event loop) and its clock, read at each access. Without an
-    // event loop there is no activity manager: a named assertion.
-    static Calyx::EventLoop& activityManager();
-    static Calyx::Clock const& activityClock();
     static constexpr uint32_t granularity() { return 200; }
     static constexpr uint32_t maxTicks() { return 525600; }
 

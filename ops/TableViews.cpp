@@ -4,10 +4,10 @@
 #include <map>
 #include <sstream>
 
-#include "mirror_on_drop/MirrorOnDropCollector.h"
-#include "mirror_on_drop/MirrorOnDropEmtCommon.h"
-#include "mirror_on_drop/MirrorOnDropPlugin.h"
-#include "mirror_on_drop/MirrorOnDropReport.h"
+#include "mirror_on_drop/MirrorOnDropCollectorRecords.h"
+#include "mirror_on_drop/MirrorOnDropEmtRecords.h"
+#include "mirror_on_drop/MirrorOnDropNames.h"
+#include "mirror_on_drop/MirrorOnDropReportRecords.h"
 #include "platform/table/SharedTableReader.h"
 
 namespace Ops {

@@ -37,7 +37,7 @@ class ControlServiceTest : public ::testing::Test {
 
   Calyx::Test::TempStateDir dir;
   Ptr<EventLoop> loop = EventLoop::makeSimulated();
-  FeatureMounts mounts = featureMountsMake(Ptr<TaskScheduler>(&loop->scheduler()));
+  FeatureMounts mounts = featureMountsMake(loop);
   std::unique_ptr<FeatureHost> host;
   std::unique_ptr<ModAgent::ControlService> service;
 };

@@ -354,7 +354,10 @@ TEST_F(DispatcherSmTest, PastTheFlowCapNewFlowsAreRefusedAndCountedUntilFlowsAre
 }
 
 TEST(MountHolderTest, TheFeatureTimerNeedsTheActivityManager) {
-  EXPECT_DEATH(Constant::Timer::activityClock(), "No activity manager");
+  EXPECT_DEATH(
+      mountHolderFactory(nullptr, nullptr, nullptr, nullptr, nullptr, nullptr, nullptr, nullptr, nullptr,
+                         nullptr, nullptr, nullptr, nullptr, nullptr, nullptr, nullptr, PktManager::global()),
+      "No activity manager");
 }
 
 }  // namespace

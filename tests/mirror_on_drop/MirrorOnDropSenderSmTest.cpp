@@ -11,6 +11,7 @@
 #include "mirror_on_drop/MirrorOnDropSenderSm.h"
 #include "platform/core/EventLoop.h"
 #include "platform/core/RingTrace.h"
+#include "platform/types/PktManager.h"
 #include "testkit/TempStateDir.h"
 #include "tests/support/LoopbackReceiver.h"
 #include "tests/support/TraceCapture.h"
@@ -72,7 +73,7 @@ class SenderSmTest : public ::testing::Test {
 
   void senderNew() {
     sender = make<SenderSm>(configReq, config, status, collectorStatus, reportStatus,
-                            loop->scheduler().taskNew("MOD-Task:report", 3), wheel, exchanger);
+                            loop->scheduler().taskNew("MOD-Task:report", 3), wheel, exchanger, packets);
   }
   // A flow with a report whose sample holds n bytes (0x40, 0x41, ...), put in the table and the active batch.
   void flowAdd(uint16_t port, uint8_t n = 14) {
@@ -102,6 +103,7 @@ class SenderSmTest : public ::testing::Test {
   Ptr<Report::Status> reportStatus = Report::statusFactory("reportStatus");
   Ptr<Exchanger> exchanger = make<Exchanger>();
   Dispatcher dispatcher{exchanger};
+  PktManager packets;  // the host's pool, handed to the sender
   Ptr<SenderSm> sender;
 };
 
@@ -120,6 +122,16 @@ TEST_F(SenderSmTest, StartReportsArePacedByTheActiveInterval) {
   EXPECT_DOUBLE_EQ(sender->timerReport()->timeMin(), 1020.0);
   status->activeIntervalIs(FlowTracking::ActiveInterval(2000));
   EXPECT_NEAR(sender->timerReport()->timeMin(), 1012.1, 1e-9);
+}
+
+TEST_F(SenderSmTest, ReportPacketsComeFromThePoolTheHostHandsOver) {
+  senderNew();
+  flowAdd(1);
+  uint64_t const fromGlobal = PktManager::global().allocated();
+  loop->runFor(10.1);
+  EXPECT_EQ(rx4.drain().size(), 1u);
+  EXPECT_GT(packets.allocated(), 0u);
+  EXPECT_EQ(PktManager::global().allocated(), fromGlobal);
 }
 
 TEST_F(SenderSmTest, PayloadIsTheTypeByteAndTheStoredReportVerbatim) {

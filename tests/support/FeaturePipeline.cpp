@@ -45,10 +45,10 @@ FeaturePipeline::FeaturePipeline(double activeInterval, double inactiveTimeout)
   exporter->collectorIp6AndPortIs("c6", HwFt::IpAndPort(*IpGenAddr::parse("::1"), collector6.port()));
   ftConfig->expConfigIs("e1", exporter);
   capabilities->mirrorOnDropSupportedIs(true);
-  holder =
-      mountHolderFactory(allIntfStatusLocalDir, allIntfStatusDir, capabilities, configReq, collectorStatus,
-                         emtConfig, emtStatus, fcsd, hwConfig, hwStatus, nullptr, nullptr, kniStatus,
-                         reportStatus, Ptr<Calyx::TaskScheduler>(&loop->scheduler()));
+  holder = mountHolderFactory(allIntfStatusLocalDir, allIntfStatusDir, capabilities, configReq,
+                              collectorStatus, emtConfig, emtStatus, fcsd, hwConfig, hwStatus, nullptr,
+                              nullptr, kniStatus, reportStatus, Ptr<Calyx::TaskScheduler>(&loop->scheduler()),
+                              loop, Calyx::PktManager::global());
 }
 
 FeaturePipeline::~FeaturePipeline() {

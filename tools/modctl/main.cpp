@@ -7,7 +7,7 @@
 #include <map>
 #include <set>
 
-#include "mirror_on_drop/MirrorOnDropPlugin.h"
+#include "mirror_on_drop/MirrorOnDropNames.h"
 #include "ops/AgentMetrics.h"
 #include "ops/TableViews.h"
 #include "platform/core/RingTrace.h"
