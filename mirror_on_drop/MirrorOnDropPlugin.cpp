@@ -146,6 +146,9 @@ class ToggleOffReadyWatch : public Calyx::Object, public Exchanger::Reactor {
   }
   void handleIsToggleFeatureOffReady() override { onReady_(); }
 
+ protected:
+  ~ToggleOffReadyWatch() override = default;
+
  private:
   std::function<void()> onReady_;
 };
