@@ -14,6 +14,7 @@
 //   records  the bytes cut into records and stored by a table writer as a run of the agent would, so the
 //            file is sound and only the records' own contents are arbitrary.
 // The ring trace takes raw bytes, or a sound header of the agent's capacity with the bytes as its records.
+#include <dlfcn.h>
 #include <stdlib.h>
 #include <unistd.h>
 
@@ -209,6 +210,11 @@ struct Harness {
 }  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(uint8_t const* data, size_t size) {
+  // Each run's agent opens the plug-in and closes it at the end; held open here for the whole process, it is
+  // never unmapped, so the fuzzer's coverage counters inside it stay where the fuzzer registered them.
+  static void* const keepPlugin =
+      dlopen(ModAgent::Agent::pluginDefaultPath().c_str(), RTLD_NOW | RTLD_NODELETE);
+  if (!keepPlugin) std::abort();
   static Harness harness;
   std::error_code ignored;
   fs::remove_all(harness.state, ignored);

@@ -182,6 +182,6 @@ PluginTable const kTable{
 }  // namespace
 }  // namespace MirrorOnDrop
 
-extern "C" __attribute__((visibility("default"))) MirrorOnDrop::PluginTable const* mirrorOnDropPluginTable() {
+extern "C" __attribute__((visibility("default"))) void const* mirrorOnDropPluginTable() {
   return &MirrorOnDrop::kTable;
 }

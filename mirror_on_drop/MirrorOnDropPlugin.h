@@ -123,4 +123,5 @@ struct PluginTable {
 
 }  // namespace MirrorOnDrop
 
-extern "C" MirrorOnDrop::PluginTable const* mirrorOnDropPluginTable();
+// The PluginTable, returned untyped: the loader calls every entry point as a function returning void const*.
+extern "C" void const* mirrorOnDropPluginTable();

@@ -25,7 +25,8 @@ class ControlServiceTest : public ::testing::Test {
     mounts.config->enabledIs(true);
     mounts.config->trackerIs("t1", make<FlowTracking::TrackerConfig>("t1"));
     mounts.capabilities->mirrorOnDropSupportedIs(true);
-    host = std::make_unique<FeatureHost>(*mirrorOnDropPluginTable(), mounts);
+    host = std::make_unique<FeatureHost>(
+        *static_cast<MirrorOnDrop::PluginTable const*>(mirrorOnDropPluginTable()), mounts);
     service = std::make_unique<ModAgent::ControlService>(*loop, *host, dir.path());
   }
   json ask(std::string const& request) {

@@ -2,7 +2,7 @@
 // one that layout derives; nothing past the version is ever read, so every function is left out.
 #include "tests/agent/plugins/OtherLayout.h"
 
-extern "C" __attribute__((visibility("default"))) MirrorOnDrop::PluginTable const* mirrorOnDropPluginTable() {
+extern "C" __attribute__((visibility("default"))) void const* mirrorOnDropPluginTable() {
   static MirrorOnDrop::PluginTable const table = [] {
     MirrorOnDrop::PluginTable t{};
     t.version = MirrorOnDrop::Test::kOtherLayoutVersion;

@@ -12,6 +12,6 @@ TestPluginTable const kTable{.version = TEST_PLUGIN_VERSION, .greeting = &greeti
 
 }  // namespace
 
-extern "C" __attribute__((visibility("default"))) TestPluginTable const* testPluginTable() {
+extern "C" __attribute__((visibility("default"))) void const* testPluginTable() {
   return TEST_PLUGIN_VERSION == 0 ? nullptr : &kTable;
 }
