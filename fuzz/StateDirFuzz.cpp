@@ -32,9 +32,9 @@
 #include "mirror_on_drop/MirrorOnDropEmtCommon.h"
 #include "mirror_on_drop/MirrorOnDropPlugin.h"
 #include "mirror_on_drop/MirrorOnDropReport.h"
-#include "platform/core/RingTrace.h"
+#include "platform/shm/RingTrace.h"
 #include "platform/entity/HwFlowTrackingStatusStore.h"
-#include "platform/table/SharedTableReader.h"
+#include "platform/shm/SharedTableReader.h"
 
 using namespace MirrorOnDrop;
 using namespace Calyx;

@@ -11,7 +11,7 @@
 #include <vector>
 
 #include "platform/core/Ptr.h"
-#include "platform/table/SharedTable.h"
+#include "platform/shm/SharedTable.h"
 #include "platform/types/String.h"
 
 namespace MirrorOnDrop::Collector {

@@ -10,7 +10,7 @@
 
 #include "mirror_on_drop/MirrorOnDropTypeCommon.h"
 #include "platform/core/Ptr.h"
-#include "platform/table/SharedTable.h"
+#include "platform/shm/SharedTable.h"
 #include "platform/types/IntfId.h"
 
 namespace MirrorOnDrop::Emt {

@@ -13,7 +13,7 @@
 #include <string_view>
 
 #include "platform/core/Clock.h"
-#include "platform/table/SharedTableOptions.h"
+#include "platform/shm/SharedTableOptions.h"
 #include "platform/types/ByteOrder.h"
 #include "platform/types/Hash.h"
 #include "platform/types/IpGenAddr.h"

@@ -8,7 +8,7 @@
 #include "mirror_on_drop/MirrorOnDropEmtCommon.h"
 #include "mirror_on_drop/MirrorOnDropPlugin.h"
 #include "mirror_on_drop/MirrorOnDropReport.h"
-#include "platform/table/SharedTableReader.h"
+#include "platform/shm/SharedTableReader.h"
 
 namespace Ops {
 

@@ -1,5 +1,5 @@
-#include "platform/table/SharedTable.h"
-#include "platform/table/SharedTableReader.h"
+#include "platform/shm/SharedTable.h"
+#include "platform/shm/SharedTableReader.h"
 
 #include <fcntl.h>
 #include <gtest/gtest.h>
@@ -15,7 +15,7 @@
 #include <memory>
 #include <vector>
 
-#include "tests/platform/table/TableTestRecords.h"
+#include "tests/platform/shm/TableTestRecords.h"
 
 namespace Calyx {
 namespace {

@@ -1,4 +1,4 @@
-#include "platform/table/SharedTableLayout.h"
+#include "platform/shm/SharedTableLayout.h"
 
 #include <atomic>
 

@@ -1,4 +1,4 @@
-#include "platform/table/SharedSegment.h"
+#include "platform/shm/SharedSegment.h"
 
 #include <fcntl.h>
 #include <sys/mman.h>

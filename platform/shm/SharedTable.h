@@ -54,10 +54,10 @@
 #include "platform/core/Entity.h"
 #include "platform/core/Object.h"
 #include "platform/core/Ptr.h"
-#include "platform/table/Seqlock.h"
-#include "platform/table/SharedSegment.h"
-#include "platform/table/SharedTableLayout.h"
-#include "platform/table/SharedTableOptions.h"
+#include "platform/shm/Seqlock.h"
+#include "platform/shm/SharedSegment.h"
+#include "platform/shm/SharedTableLayout.h"
+#include "platform/shm/SharedTableOptions.h"
 
 namespace Calyx {
 

@@ -10,7 +10,7 @@
 #include <cstdint>
 #include <string>
 
-#include "platform/table/SharedTableLayout.h"
+#include "platform/shm/SharedTableLayout.h"
 
 namespace Calyx {
 

@@ -25,10 +25,10 @@
 #include <utility>
 #include <vector>
 
-#include "platform/table/Seqlock.h"
-#include "platform/table/SharedSegment.h"
-#include "platform/table/SharedTableLayout.h"
-#include "platform/table/SharedTableOptions.h"
+#include "platform/shm/Seqlock.h"
+#include "platform/shm/SharedSegment.h"
+#include "platform/shm/SharedTableLayout.h"
+#include "platform/shm/SharedTableOptions.h"
 
 namespace Calyx {
 
