@@ -25,6 +25,11 @@ using TableTest::keyOf;
 using TableTest::Value;
 using Table = SharedTable<Key, Value>;
 
+// The layout of a table's file, as the table code computes it.
+SegmentGeometry geometryOf(Table const& t) {
+  return {sizeof(Key), sizeof(Value), t.capacity()};
+}
+
 struct Heard : Table::Reactor {
   using Table::Reactor::Reactor;
   void handleEntry(Key const& k) override {
@@ -187,11 +192,11 @@ TEST_F(SharedTableTest, DamageWhileRunningAbandonsTheOperation) {
   auto t = open();
   t->entryIs(Value::of(keyOf(1), 1));
   // Every slot's state set out of range, through a mapping of our own.
+  SegmentGeometry const g = geometryOf(*t);
   int fd = ::open(t->path().c_str(), O_RDWR);
-  size_t const bytes = sizeof(SegmentHeader) + t->capacity() * 96;
-  auto* base = static_cast<std::byte*>(::mmap(nullptr, bytes, PROT_READ | PROT_WRITE, MAP_SHARED, fd, 0));
+  auto* base = static_cast<std::byte*>(::mmap(nullptr, g.bytes(), PROT_READ | PROT_WRITE, MAP_SHARED, fd, 0));
   ::close(fd);
-  for (size_t i = 0; i < t->capacity(); ++i) reinterpret_cast<SlotHeader*>(base + 128 + i * 96)->state = 9;
+  for (size_t i = 0; i < t->capacity(); ++i) reinterpret_cast<SlotHeader*>(base + g.slotOffset(i))->state = 9;
   EXPECT_EQ(t->entry(keyOf(1)), nullptr);
   EXPECT_FALSE(t->entryIs(Value::of(keyOf(1), 2)));
   EXPECT_FALSE(t->entryDel(keyOf(1)));
@@ -202,7 +207,7 @@ TEST_F(SharedTableTest, DamageWhileRunningAbandonsTheOperation) {
   reinterpret_cast<SegmentHeader*>(base)->count = 1u << 20;
   EXPECT_FALSE(t->entryIs(Value::of(keyOf(1), 3)));
   EXPECT_NE(problems.back().find("exceeds capacity"), std::string::npos);
-  ::munmap(base, bytes);
+  ::munmap(base, g.bytes());
 }
 
 // Values are checked before use: a record that breaks its own invariants, found on a lookup or in the file an
@@ -210,15 +215,16 @@ TEST_F(SharedTableTest, DamageWhileRunningAbandonsTheOperation) {
 TEST_F(SharedTableTest, BrokenRecordIsReportedWhereverItIsReadBack) {
   auto t = open();
   t->entryIs(Value::of(keyOf(1), 1));
+  SegmentGeometry const g = geometryOf(*t);
   int fd = ::open(t->path().c_str(), O_RDWR);
-  size_t const bytes = sizeof(SegmentHeader) + t->capacity() * 96;
-  auto* base = static_cast<std::byte*>(::mmap(nullptr, bytes, PROT_READ | PROT_WRITE, MAP_SHARED, fd, 0));
+  auto* base = static_cast<std::byte*>(::mmap(nullptr, g.bytes(), PROT_READ | PROT_WRITE, MAP_SHARED, fd, 0));
   ::close(fd);
   for (size_t i = 0; i < t->capacity(); ++i) {
-    std::byte* slot = base + 128 + i * 96;
-    if (reinterpret_cast<SlotHeader*>(slot)->state == 1) reinterpret_cast<Value*>(slot + 32)->sum ^= 1;
+    std::byte* slot = base + g.slotOffset(i);
+    if (reinterpret_cast<SlotHeader*>(slot)->state == 1)
+      reinterpret_cast<Value*>(slot + g.valueOffset())->sum ^= 1;
   }
-  ::munmap(base, bytes);
+  ::munmap(base, g.bytes());
   EXPECT_EQ(t->entry(keyOf(1)), nullptr);
   EXPECT_FALSE(t->entryUpdate(keyOf(1), [](Value&) {}));
   ASSERT_EQ(problems.size(), 2u);
