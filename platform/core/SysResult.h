@@ -17,12 +17,12 @@
 namespace Calyx {
 
 struct SysError {
-  int code = 0;           // the errno value
+  int code = 0;           // the errno value; 0 when a check failed before any call (the context says why)
   std::string context;    // what was being done to what, without the errno text
   char const* call = "";  // the system call that failed, for callers that word their own messages
 
-  // "<context>: <strerror(code)>".
-  std::string text() const { return context + ": " + std::strerror(code); }
+  // "<context>: <strerror(code)>", or the context alone when there is no errno.
+  std::string text() const { return code == 0 ? context : context + ": " + std::strerror(code); }
 };
 
 template <class T>
