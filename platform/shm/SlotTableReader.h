@@ -61,7 +61,7 @@ class SlotTableReader {
   bool slotSound(size_t i, uint32_t state, void const* key, void const* value);
 
   std::string path_;
-  SlotRecordTraits const& traits_;
+  SlotRecordTraits traits_;  // a copy: it is small, and keeps the reader assignable
   MappedFile seg_;
   SharedTableReadError error_ = SharedTableReadError::none;
   std::string errorText_;
