@@ -1,9 +1,9 @@
+#include "platform/shm/MappedFile.h"
 #include "platform/shm/SharedTable.h"
 #include "platform/shm/SharedTableReader.h"
 
 #include <fcntl.h>
 #include <gtest/gtest.h>
-#include <sys/mman.h>
 #include <sys/resource.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -28,6 +28,13 @@ using Table = SharedTable<Key, Value>;
 // The layout of a table's file, as the table code computes it.
 SegmentGeometry geometryOf(Table const& t) {
   return {sizeof(Key), sizeof(Value), t.capacity()};
+}
+
+// A writable mapping of a table's file of our own, as a stray process would make it.
+MappedFile mapOwn(Table const& t) {
+  auto opened = MappedFile::open(t.path(), true, geometryOf(t).bytes());
+  EXPECT_TRUE(opened && opened.value().mapped());
+  return opened ? std::move(opened).value() : MappedFile{};
 }
 
 struct Heard : Table::Reactor {
@@ -193,9 +200,8 @@ TEST_F(SharedTableTest, DamageWhileRunningAbandonsTheOperation) {
   t->entryIs(Value::of(keyOf(1), 1));
   // Every slot's state set out of range, through a mapping of our own.
   SegmentGeometry const g = geometryOf(*t);
-  int fd = ::open(t->path().c_str(), O_RDWR);
-  auto* base = static_cast<std::byte*>(::mmap(nullptr, g.bytes(), PROT_READ | PROT_WRITE, MAP_SHARED, fd, 0));
-  ::close(fd);
+  MappedFile const file = mapOwn(*t);
+  std::byte* base = file.base();
   for (size_t i = 0; i < t->capacity(); ++i) reinterpret_cast<SlotHeader*>(base + g.slotOffset(i))->state = 9;
   EXPECT_EQ(t->entry(keyOf(1)), nullptr);
   EXPECT_FALSE(t->entryIs(Value::of(keyOf(1), 2)));
@@ -207,7 +213,6 @@ TEST_F(SharedTableTest, DamageWhileRunningAbandonsTheOperation) {
   reinterpret_cast<SegmentHeader*>(base)->count = 1u << 20;
   EXPECT_FALSE(t->entryIs(Value::of(keyOf(1), 3)));
   EXPECT_NE(problems.back().find("exceeds capacity"), std::string::npos);
-  ::munmap(base, g.bytes());
 }
 
 // Values are checked before use: a record that breaks its own invariants, found on a lookup or in the file an
@@ -216,15 +221,13 @@ TEST_F(SharedTableTest, BrokenRecordIsReportedWhereverItIsReadBack) {
   auto t = open();
   t->entryIs(Value::of(keyOf(1), 1));
   SegmentGeometry const g = geometryOf(*t);
-  int fd = ::open(t->path().c_str(), O_RDWR);
-  auto* base = static_cast<std::byte*>(::mmap(nullptr, g.bytes(), PROT_READ | PROT_WRITE, MAP_SHARED, fd, 0));
-  ::close(fd);
+  MappedFile const file = mapOwn(*t);
+  std::byte* base = file.base();
   for (size_t i = 0; i < t->capacity(); ++i) {
     std::byte* slot = base + g.slotOffset(i);
     if (reinterpret_cast<SlotHeader*>(slot)->state == 1)
       reinterpret_cast<Value*>(slot + g.valueOffset())->sum ^= 1;
   }
-  ::munmap(base, g.bytes());
   EXPECT_EQ(t->entry(keyOf(1)), nullptr);
   EXPECT_FALSE(t->entryUpdate(keyOf(1), [](Value&) {}));
   ASSERT_EQ(problems.size(), 2u);
