@@ -21,10 +21,10 @@
 #include "agent/Privileges.h"
 #include "agent/StateDirTrust.h"
 #include "ops/AgentMetrics.h"
-#include "platform/core/RingTrace.h"
 #include "platform/core/Trace.h"
 #include "platform/core/TraceSink.h"
 #include "platform/io/PcapReplayPam.h"
+#include "platform/shm/RingTrace.h"
 
 namespace ModAgent {
 

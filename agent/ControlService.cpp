@@ -80,7 +80,9 @@ ControlService::ControlService(Calyx::EventLoop& loop, MirrorOnDrop::FeatureHost
 bool ControlService::open(std::string const& path, std::string& error) {
   socket_ = std::make_unique<Calyx::ControlSocket>(
       loop_, path, [this](std::string const& request) { return answer(request); }, refusal);
-  if (socket_->open(error)) return true;
+  auto const opened = socket_->open();
+  if (opened) return true;
+  error = opened.error().text();
   socket_.reset();
   return false;
 }

@@ -17,7 +17,7 @@
 #include <string>
 #include <vector>
 
-#include "platform/table/SharedTableOptions.h"
+#include "platform/shm/SharedTableOptions.h"
 
 namespace ModAgent {
 

@@ -15,7 +15,7 @@
 #include <unordered_map>
 #include <vector>
 
-#include "platform/table/SharedTable.h"
+#include "platform/shm/SharedTable.h"
 
 namespace {
 

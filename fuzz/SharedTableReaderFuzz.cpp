@@ -17,8 +17,8 @@
 #include <string>
 #include <vector>
 
-#include "platform/table/SharedTable.h"
-#include "platform/table/SharedTableReader.h"
+#include "platform/shm/SharedTable.h"
+#include "platform/shm/SharedTableReader.h"
 
 using namespace Calyx;
 

@@ -33,9 +33,9 @@
 #include "mirror_on_drop/MirrorOnDropEmtCommon.h"
 #include "mirror_on_drop/MirrorOnDropPlugin.h"
 #include "mirror_on_drop/MirrorOnDropReport.h"
-#include "platform/core/RingTrace.h"
 #include "platform/entity/HwFlowTrackingStatusStore.h"
-#include "platform/table/SharedTableReader.h"
+#include "platform/shm/RingTrace.h"
+#include "platform/shm/SharedTableReader.h"
 
 using namespace MirrorOnDrop;
 using namespace Calyx;
@@ -69,16 +69,9 @@ struct TableFile {
     while (g.capacity * g.slotSize() < n) g.capacity *= 2;
     std::vector<std::byte> file(g.bytes());
     SegmentHeader h{};
-    h.magic = kSharedTableMagic;
-    h.layoutVersion = kSharedTableLayoutVersion;
-    h.headerSize = sizeof(SegmentHeader);
-    h.keySize = g.keySize;
-    h.valueSize = g.valueSize;
-    h.slotSize = g.slotSize();
-    h.capacity = g.capacity;
-    h.generation = 1;
+    segmentHeaderInit(h, g, 1);
     std::memcpy(file.data(), &h, sizeof h);
-    std::memcpy(file.data() + sizeof h, bytes, n);
+    std::memcpy(file.data() + g.slotOffset(0), bytes, n);
     fileWrite(path, file.data(), file.size());
   }
   static void records(std::string const& dir, std::string const& name, uint8_t const* bytes, size_t n) {

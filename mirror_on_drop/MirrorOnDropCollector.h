@@ -7,7 +7,8 @@
 
 #include "mirror_on_drop/MirrorOnDropCollectorRecords.h"
 #include "platform/core/Ptr.h"
-#include "platform/table/SharedTable.h"
+#include "platform/shm/SharedTable.h"
+#include "platform/types/String.h"
 
 namespace MirrorOnDrop::Collector {
 

@@ -7,7 +7,8 @@
 
 #include "mirror_on_drop/MirrorOnDropEmtRecords.h"
 #include "platform/core/Ptr.h"
-#include "platform/table/SharedTable.h"
+#include "platform/shm/SharedTable.h"
+#include "platform/types/IntfId.h"
 
 namespace MirrorOnDrop::Emt {
 

@@ -4,7 +4,7 @@
 
 #include "mirror_on_drop/MirrorOnDropTraceManager.h"
 #include "platform/core/Assert.h"
-#include "platform/core/RingTrace.h"
+#include "platform/shm/RingTrace.h"
 
 namespace MirrorOnDrop {
 

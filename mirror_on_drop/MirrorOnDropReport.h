@@ -15,7 +15,7 @@
 #include "mirror_on_drop/MirrorOnDropReportRecords.h"
 #include "platform/core/Entity.h"
 #include "platform/core/FlatSet.h"
-#include "platform/table/SharedTable.h"
+#include "platform/shm/SharedTable.h"
 #include "platform/types/IntfId.h"
 
 namespace MirrorOnDrop::Report {

@@ -8,7 +8,7 @@
 #include <vector>
 
 #include "mirror_on_drop/MirrorOnDropTraceManager.h"
-#include "platform/core/RingTrace.h"
+#include "platform/shm/RingTrace.h"
 #include "platform/types/EthAddr.h"
 #include "platform/types/PktManager.h"
 

@@ -12,7 +12,8 @@
 #include <string>
 #include <string_view>
 
-#include "platform/table/SharedTableOptions.h"
+#include "platform/core/Clock.h"
+#include "platform/shm/SharedTableOptions.h"
 #include "platform/types/ByteOrder.h"
 #include "platform/types/Hash.h"
 #include "platform/types/IpGenAddr.h"

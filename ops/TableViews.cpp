@@ -8,7 +8,7 @@
 #include "mirror_on_drop/MirrorOnDropEmtRecords.h"
 #include "mirror_on_drop/MirrorOnDropNames.h"
 #include "mirror_on_drop/MirrorOnDropReportRecords.h"
-#include "platform/table/SharedTableReader.h"
+#include "platform/shm/SharedTableReader.h"
 
 namespace Ops {
 

@@ -13,7 +13,7 @@
 #include <string>
 
 #include "platform/entity/HwFlowTrackingStatus.h"
-#include "platform/table/SharedTable.h"
+#include "platform/shm/SharedTable.h"
 
 namespace Calyx::HwFlowTracking {
 

@@ -29,42 +29,35 @@ ControlSocket::ControlSocket(EventLoop& loop, std::string path, Handler handler,
 ControlSocket::~ControlSocket() {
   while (!clients_.empty()) drop(clients_.begin()->first);
   listenWatch_.reset();
-  if (listenFd_ >= 0) {
-    close(listenFd_);
+  if (listenFd_.valid()) {
+    listenFd_.reset();
     unlink(path_.c_str());
   }
 }
 
-bool ControlSocket::open(std::string& error) {
+SysResult<void> ControlSocket::open() {
   sockaddr_un addr{};
-  if (path_.size() >= sizeof addr.sun_path) {
-    error = "control socket path " + path_ + " is longer than " + std::to_string(sizeof addr.sun_path - 1);
-    return false;
-  }
+  if (path_.size() >= sizeof addr.sun_path)
+    return SysError{
+        0, "control socket path " + path_ + " is longer than " + std::to_string(sizeof addr.sun_path - 1)};
   addr.sun_family = AF_UNIX;
   std::memcpy(addr.sun_path, path_.c_str(), path_.size() + 1);
-  listenFd_ = socket(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0);
-  if (listenFd_ < 0) {
-    error = std::string("socket: ") + std::strerror(errno);
-    return false;
-  }
+  ScopedFd fd(socket(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0));
+  if (!fd.valid()) return sysErrno("socket", "socket");
   unlink(path_.c_str());  // a dead agent's socket; a live agent holds the state directory's lock
   // The mode comes from the umask at bind: a chmod by path afterwards would follow a symlink put there
   // meanwhile (a socket path in a directory others can write to).
   mode_t const old = umask(0117);
-  bool const bound = bind(listenFd_, reinterpret_cast<sockaddr*>(&addr), sizeof addr) == 0;
+  bool const bound = bind(fd.get(), reinterpret_cast<sockaddr*>(&addr), sizeof addr) == 0;
   umask(old);
   struct stat st {};
-  if (!bound || lstat(path_.c_str(), &st) != 0 || !S_ISSOCK(st.st_mode) || listen(listenFd_, 16) != 0) {
-    error = "control socket " + path_ + ": " + std::strerror(errno);
-    close(listenFd_);
-    listenFd_ = -1;
-    return false;
-  }
+  if (!bound || lstat(path_.c_str(), &st) != 0 || !S_ISSOCK(st.st_mode) || listen(fd.get(), 16) != 0)
+    return sysErrno("bind", "control socket " + path_);
   owner_ = st.st_uid;
   group_ = st.st_gid;
-  listenWatch_ = loop_.fdWatch(listenFd_, [this] { accept(); });
-  return true;
+  listenFd_ = std::move(fd);
+  listenWatch_ = loop_.fdWatch(listenFd_.get(), [this] { accept(); });
+  return {};
 }
 
 bool ControlSocket::allowed(int fd) const {
@@ -81,7 +74,7 @@ bool ControlSocket::allowed(int fd) const {
 
 void ControlSocket::accept() {
   for (;;) {
-    int const fd = accept4(listenFd_, nullptr, nullptr, SOCK_NONBLOCK | SOCK_CLOEXEC);
+    int const fd = accept4(listenFd_.get(), nullptr, nullptr, SOCK_NONBLOCK | SOCK_CLOEXEC);
     if (fd < 0) return;
     if (!allowed(fd)) {
       send(fd, refusal_("permission denied: root, the socket's owner or its group only"));

@@ -20,6 +20,8 @@
 #include <string>
 
 #include "platform/core/EventLoop.h"
+#include "platform/core/SysResult.h"
+#include "platform/shm/ScopedFd.h"
 
 namespace Calyx {
 
@@ -37,8 +39,8 @@ class ControlSocket {
   ControlSocket(ControlSocket const&) = delete;
   ControlSocket& operator=(ControlSocket const&) = delete;
 
-  // Binds and listens (a stale socket file of a dead agent is replaced); false with error set.
-  bool open(std::string& error);
+  // Binds and listens (a stale socket file of a dead agent is replaced).
+  SysResult<void> open();
   std::string const& path() const { return path_; }
   size_t clientCount() const { return clients_.size(); }
 
@@ -59,7 +61,7 @@ class ControlSocket {
   std::string path_;
   Handler handler_;
   Refusal refusal_;
-  int listenFd_ = -1;
+  ScopedFd listenFd_;
   gid_t group_ = 0;
   uid_t owner_ = 0;
   std::unique_ptr<EventLoop::FdWatch> listenWatch_;

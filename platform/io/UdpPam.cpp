@@ -70,53 +70,48 @@ void UdpPam::ipv6EnIs(bool enabled) {
 }
 
 void UdpPam::socketClose() {
-  if (fd_ < 0) return;
-  close(fd_);
-  fd_ = -1;
+  if (!fd_.valid()) return;
+  fd_.reset();
   CALYX_TRACE(udpTrace(), 4, "UdpPam '" << name_ << "': socket closed.");
 }
 
-bool UdpPam::socketReady() {
-  if (fd_ >= 0) return true;
+SysResult<void> UdpPam::socketReady() {
+  if (fd_.valid()) return {};
   int const fd = socket(ipv6En_ ? AF_INET6 : AF_INET, SOCK_DGRAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0);
-  if (fd < 0) {
-    txFailed(errno, "socket");
-    return false;
-  }
-  fd_ = fd;
+  if (fd < 0) return sysErrno("socket", "socket");
+  fd_.reset(fd);
   socketTos_ = 0;
   CALYX_TRACE(udpTrace(), 4,
               "UdpPam '" << name_ << "': socket opened, family = " << (ipv6En_ ? "IPv6" : "IPv4") << ".");
-  return true;
+  return {};
 }
 
-bool UdpPam::tosApply() {
-  if (txTos_ == socketTos_) return true;
+SysResult<void> UdpPam::tosApply() {
+  if (txTos_ == socketTos_) return {};
   int const value = txTos_;
-  int const rc = ipv6En_ ? setsockopt(fd_, IPPROTO_IPV6, IPV6_TCLASS, &value, sizeof value)
-                         : setsockopt(fd_, IPPROTO_IP, IP_TOS, &value, sizeof value);
-  if (rc < 0) {
-    txFailed(errno, "setsockopt(tos)");
-    return false;
-  }
+  int const rc = ipv6En_ ? setsockopt(fd_.get(), IPPROTO_IPV6, IPV6_TCLASS, &value, sizeof value)
+                         : setsockopt(fd_.get(), IPPROTO_IP, IP_TOS, &value, sizeof value);
+  if (rc < 0) return sysErrno("setsockopt", "setsockopt(tos)");
   socketTos_ = txTos_;
-  return true;
+  return {};
 }
 
-void UdpPam::txFailed(int err, char const* what) {
-  lastErrno_ = err;
+// The context of a failure names what failed ("sendmsg", "transmit (no packet)"); errno is kept for txErrno.
+void UdpPam::txFailed(SysError const& failure) {
+  lastErrno_ = failure.code;
   ++txErrors_;
   CALYX_TRACE(udpTrace(), 1,
-              "UdpPam '" << name_ << "': " << what << " failed: errno = " << err << " (" << std::strerror(err)
-                         << ")"
+              "UdpPam '" << name_ << "': " << failure.context << " failed: errno = " << failure.code << " ("
+                         << std::strerror(failure.code) << ")"
                          << ", dIp = " << (ipv6En_ ? txDstIp6Addr_.stringValue() : txDstIpAddr_.stringValue())
                          << ", dPort = " << txPort_ << ".");
 }
 
 void UdpPam::txPktIs(Ptr<Pkt> const& pkt) {
-  if (!pkt) return txFailed(EINVAL, "transmit (no packet)");
-  if (mode_ != kModeTransmit) return txFailed(EOPNOTSUPP, "transmit (not in transmit mode)");
-  if (!socketReady() || !tosApply()) return;
+  if (!pkt) return txFailed({EINVAL, "transmit (no packet)"});
+  if (mode_ != kModeTransmit) return txFailed({EOPNOTSUPP, "transmit (not in transmit mode)"});
+  if (auto const ready = socketReady(); !ready) return txFailed(ready.error());
+  if (auto const tos = tosApply(); !tos) return txFailed(tos.error());
 
   sockaddr_in dst4{};
   sockaddr_in6 dst6{};
@@ -141,7 +136,8 @@ void UdpPam::txPktIs(Ptr<Pkt> const& pkt) {
   msg.msg_controllen = pktInfoFill(msg, control, ipv6En_, txSrcIpAddr_, txSrcIp6Addr_);
   if (msg.msg_controllen == 0) msg.msg_control = nullptr;
 
-  if (sendmsg(fd_, &msg, MSG_DONTWAIT | MSG_NOSIGNAL) < 0) return txFailed(errno, "sendmsg");
+  if (sendmsg(fd_.get(), &msg, MSG_DONTWAIT | MSG_NOSIGNAL) < 0)
+    return txFailed(sysErrno("sendmsg", "sendmsg"));
   lastErrno_ = 0;
   ++txPkts_;
   if (hasNotificationActive_) notify(&Reactor::handleTxPkts);

@@ -28,6 +28,8 @@
 #include <cstdint>
 
 #include "platform/core/Entity.h"
+#include "platform/core/SysResult.h"
+#include "platform/shm/ScopedFd.h"
 #include "platform/types/IpGenAddr.h"
 #include "platform/types/Pkt.h"
 #include "platform/types/String.h"
@@ -79,16 +81,16 @@ class UdpPam : public Object, public Notifier<UdpPam> {
   int errno_() const { return lastErrno_; }
   int txErrno() const { return lastErrno_; }
   // The socket, -1 until the first transmit opens it (for tests and diagnostics).
-  int fd() const { return fd_; }
+  int fd() const { return fd_.get(); }
 
  protected:
   ~UdpPam() override;
 
  private:
-  bool socketReady();
-  bool tosApply();
+  SysResult<void> socketReady();
+  SysResult<void> tosApply();
   void socketClose();
-  void txFailed(int err, char const* what);
+  void txFailed(SysError const& failure);
 
   String name_;
   uint8_t mode_ = kModeNone;
@@ -101,7 +103,7 @@ class UdpPam : public Object, public Notifier<UdpPam> {
   uint8_t txTos_ = 0;
   uint16_t txPort_ = 0;
 
-  int fd_ = -1;
+  ScopedFd fd_;
   uint8_t socketTos_ = 0;  // what the socket holds; a new socket starts with 0
   uint64_t txPkts_ = 0;
   uint64_t txErrors_ = 0;

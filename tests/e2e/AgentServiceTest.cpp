@@ -21,7 +21,7 @@
 #include <vector>
 
 #include "mirror_on_drop/MirrorOnDropReport.h"
-#include "platform/table/SharedTableReader.h"
+#include "platform/shm/SharedTableReader.h"
 #include "testkit/NetNs.h"
 #include "testkit/TempStateDir.h"
 #include "tests/support/LoopbackReceiver.h"

@@ -24,7 +24,7 @@
 #include "mirror_on_drop/MirrorOnDropCollector.h"
 #include "mirror_on_drop/MirrorOnDropEmtCommon.h"
 #include "mirror_on_drop/MirrorOnDropReport.h"
-#include "platform/table/SharedTableReader.h"
+#include "platform/shm/SharedTableReader.h"
 #include "testkit/NetNs.h"
 #include "testkit/TempStateDir.h"
 #include "tests/support/LoopbackReceiver.h"

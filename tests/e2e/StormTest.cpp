@@ -14,7 +14,7 @@
 
 #include "mirror_on_drop/MirrorOnDropEmtCommon.h"
 #include "mirror_on_drop/MirrorOnDropReport.h"
-#include "platform/table/SharedTableReader.h"
+#include "platform/shm/SharedTableReader.h"
 #include "testkit/ReportSink.h"
 #include "testkit/TempStateDir.h"
 #include "tests/support/Program.h"

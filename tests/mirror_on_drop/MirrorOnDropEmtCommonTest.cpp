@@ -1,5 +1,6 @@
 #include <gtest/gtest.h>
 
+#include <cstddef>
 #include <cstring>
 #include <filesystem>
 #include <fstream>
@@ -70,9 +71,10 @@ TEST_F(FeatureTablesTest, RowsReadBackAreCheckedBeforeTheFeatureSeesThem) {
   Calyx::SegmentGeometry const g{sizeof(Collector::Key), sizeof(Collector::EntryStatus), 1};
   std::fstream f(stateDir_ + "/collectorStatus", std::ios::in | std::ios::out | std::ios::binary);
   uint32_t state = 0, length = 512;
-  for (size_t slot = 128; f.seekg(long(slot + 8)) && f.read(reinterpret_cast<char*>(&state), 4);
+  for (size_t slot = g.slotOffset(0);
+       f.seekg(long(slot + offsetof(Calyx::SlotHeader, state))) && f.read(reinterpret_cast<char*>(&state), 4);
        slot += g.slotSize())
-    if (state == 1) f.seekp(long(slot + 16)).write(reinterpret_cast<char const*>(&length), 4);
+    if (state == 1) f.seekp(long(slot + g.keyOffset())).write(reinterpret_cast<char const*>(&length), 4);
   f.close();
   std::vector<std::string> problems;
   Calyx::sharedTableCorruptionHandlerIs(

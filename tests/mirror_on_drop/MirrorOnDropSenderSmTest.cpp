@@ -10,7 +10,7 @@
 
 #include "mirror_on_drop/MirrorOnDropSenderSm.h"
 #include "platform/core/EventLoop.h"
-#include "platform/core/RingTrace.h"
+#include "platform/shm/RingTrace.h"
 #include "platform/types/PktManager.h"
 #include "testkit/TempStateDir.h"
 #include "tests/support/LoopbackReceiver.h"

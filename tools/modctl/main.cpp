@@ -10,7 +10,7 @@
 #include "mirror_on_drop/MirrorOnDropNames.h"
 #include "ops/AgentMetrics.h"
 #include "ops/TableViews.h"
-#include "platform/core/RingTrace.h"
+#include "platform/shm/RingTrace.h"
 #include "tools/modctl/ControlClient.h"
 #include "tools/modctl/FlowQuery.h"
 

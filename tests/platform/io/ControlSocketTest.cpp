@@ -25,8 +25,8 @@ TEST(ControlSocketTest, AHandlerThatThrowsCostsOneRefusalAndATraceLine) {
   };
   Calyx::ControlSocket socket(*loop, dir.file("ctl.sock"), handler,
                               [](auto const& why) { return "no: " + why; });
-  std::string error;
-  ASSERT_TRUE(socket.open(error)) << error;
+  auto const opened = socket.open();
+  ASSERT_TRUE(opened) << opened.error().text();
   int const fd = ::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
   sockaddr_un addr{AF_UNIX, {}};
   std::snprintf(addr.sun_path, sizeof addr.sun_path, "%s", socket.path().c_str());

@@ -1,4 +1,4 @@
-#include "platform/table/SharedTableReader.h"
+#include "platform/shm/SharedTableReader.h"
 
 #include <fcntl.h>
 #include <gtest/gtest.h>
@@ -10,8 +10,8 @@
 #include <cstdio>
 #include <set>
 
-#include "platform/table/SharedTable.h"
-#include "tests/platform/table/TableTestRecords.h"
+#include "platform/shm/SharedTable.h"
+#include "tests/platform/shm/TableTestRecords.h"
 
 namespace Calyx {
 namespace {

@@ -1,9 +1,9 @@
-#include "platform/table/SharedTable.h"
-#include "platform/table/SharedTableReader.h"
+#include "platform/shm/MappedFile.h"
+#include "platform/shm/SharedTable.h"
+#include "platform/shm/SharedTableReader.h"
 
 #include <fcntl.h>
 #include <gtest/gtest.h>
-#include <sys/mman.h>
 #include <sys/resource.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -15,7 +15,7 @@
 #include <memory>
 #include <vector>
 
-#include "tests/platform/table/TableTestRecords.h"
+#include "tests/platform/shm/TableTestRecords.h"
 
 namespace Calyx {
 namespace {
@@ -24,6 +24,18 @@ using TableTest::Key;
 using TableTest::keyOf;
 using TableTest::Value;
 using Table = SharedTable<Key, Value>;
+
+// The layout of a table's file, as the table code computes it.
+SegmentGeometry geometryOf(Table const& t) {
+  return {sizeof(Key), sizeof(Value), t.capacity()};
+}
+
+// A writable mapping of a table's file of our own, as a stray process would make it.
+MappedFile mapOwn(Table const& t) {
+  auto opened = MappedFile::open(t.path(), true, geometryOf(t).bytes());
+  EXPECT_TRUE(opened && opened.value().mapped());
+  return opened ? std::move(opened).value() : MappedFile{};
+}
 
 struct Heard : Table::Reactor {
   using Table::Reactor::Reactor;
@@ -187,11 +199,10 @@ TEST_F(SharedTableTest, DamageWhileRunningAbandonsTheOperation) {
   auto t = open();
   t->entryIs(Value::of(keyOf(1), 1));
   // Every slot's state set out of range, through a mapping of our own.
-  int fd = ::open(t->path().c_str(), O_RDWR);
-  size_t const bytes = sizeof(SegmentHeader) + t->capacity() * 96;
-  auto* base = static_cast<std::byte*>(::mmap(nullptr, bytes, PROT_READ | PROT_WRITE, MAP_SHARED, fd, 0));
-  ::close(fd);
-  for (size_t i = 0; i < t->capacity(); ++i) reinterpret_cast<SlotHeader*>(base + 128 + i * 96)->state = 9;
+  SegmentGeometry const g = geometryOf(*t);
+  MappedFile const file = mapOwn(*t);
+  std::byte* base = file.base();
+  for (size_t i = 0; i < t->capacity(); ++i) reinterpret_cast<SlotHeader*>(base + g.slotOffset(i))->state = 9;
   EXPECT_EQ(t->entry(keyOf(1)), nullptr);
   EXPECT_FALSE(t->entryIs(Value::of(keyOf(1), 2)));
   EXPECT_FALSE(t->entryDel(keyOf(1)));
@@ -202,7 +213,6 @@ TEST_F(SharedTableTest, DamageWhileRunningAbandonsTheOperation) {
   reinterpret_cast<SegmentHeader*>(base)->count = 1u << 20;
   EXPECT_FALSE(t->entryIs(Value::of(keyOf(1), 3)));
   EXPECT_NE(problems.back().find("exceeds capacity"), std::string::npos);
-  ::munmap(base, bytes);
 }
 
 // Values are checked before use: a record that breaks its own invariants, found on a lookup or in the file an
@@ -210,15 +220,14 @@ TEST_F(SharedTableTest, DamageWhileRunningAbandonsTheOperation) {
 TEST_F(SharedTableTest, BrokenRecordIsReportedWhereverItIsReadBack) {
   auto t = open();
   t->entryIs(Value::of(keyOf(1), 1));
-  int fd = ::open(t->path().c_str(), O_RDWR);
-  size_t const bytes = sizeof(SegmentHeader) + t->capacity() * 96;
-  auto* base = static_cast<std::byte*>(::mmap(nullptr, bytes, PROT_READ | PROT_WRITE, MAP_SHARED, fd, 0));
-  ::close(fd);
+  SegmentGeometry const g = geometryOf(*t);
+  MappedFile const file = mapOwn(*t);
+  std::byte* base = file.base();
   for (size_t i = 0; i < t->capacity(); ++i) {
-    std::byte* slot = base + 128 + i * 96;
-    if (reinterpret_cast<SlotHeader*>(slot)->state == 1) reinterpret_cast<Value*>(slot + 32)->sum ^= 1;
+    std::byte* slot = base + g.slotOffset(i);
+    if (reinterpret_cast<SlotHeader*>(slot)->state == 1)
+      reinterpret_cast<Value*>(slot + g.valueOffset())->sum ^= 1;
   }
-  ::munmap(base, bytes);
   EXPECT_EQ(t->entry(keyOf(1)), nullptr);
   EXPECT_FALSE(t->entryUpdate(keyOf(1), [](Value&) {}));
   ASSERT_EQ(problems.size(), 2u);

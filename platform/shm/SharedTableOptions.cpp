@@ -1,4 +1,4 @@
-#include "platform/table/SharedTableOptions.h"
+#include "platform/shm/SharedTableOptions.h"
 
 #include <cstdio>
 #include <cstdlib>

@@ -21,6 +21,8 @@
 #include <string_view>
 #include <vector>
 
+#include "platform/shm/MappedFile.h"
+
 namespace Calyx {
 
 // The file: a 64-byte header, then `capacity` records of 256 bytes. Record k holds sequence numbers s with
@@ -96,11 +98,9 @@ class RingTrace {
 
  private:
   void recordAt(uint64_t timeNs, std::string_view text);
-  void mappingIs(std::byte* base, size_t size);
 
   mutable std::mutex mutex_;
-  std::byte* base_ = nullptr;  // header followed by the records; nullptr until the first record or open()
-  size_t size_ = 0;
+  MappedFile mapping_;  // header followed by the records; unmapped until the first record or open()
   std::string path_;
   std::string error_;
 };

@@ -1,4 +1,4 @@
-#include "platform/table/SharedTableLayout.h"
+#include "platform/shm/SharedTableLayout.h"
 
 #include <atomic>
 
@@ -11,6 +11,18 @@ std::string num(uint64_t v) {
 }
 
 }  // namespace
+
+void segmentHeaderInit(SegmentHeader& h, SegmentGeometry const& g, uint64_t generation) {
+  h.magic = kSharedTableMagic;
+  h.layoutVersion = kSharedTableLayoutVersion;
+  h.headerSize = sizeof(SegmentHeader);
+  h.keySize = g.keySize;
+  h.valueSize = g.valueSize;
+  h.slotSize = g.slotSize();
+  h.retired = 0;
+  h.capacity = g.capacity;
+  h.generation = generation;
+}
 
 HeaderCheck checkSegmentHeader(SegmentHeader const& h, size_t fileBytes, uint32_t keySize, uint32_t valueSize,
                                std::string& problem) {

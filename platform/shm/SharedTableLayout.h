@@ -8,7 +8,7 @@
 // Integers are in the machine's own byte order: the segment is shared between processes of one host, never
 // shipped. The file is only ever replaced whole (written under a temporary name, then renamed over the old
 // one), so a reader that opens the path sees a complete segment. Fields a reader may read while the writer
-// changes them are accessed through std::atomic_ref (see Seqlock.h).
+// changes them are accessed through std::atomic_ref (Seqlock.h).
 
 #include <cstddef>
 #include <cstdint>
@@ -61,8 +61,13 @@ struct SegmentGeometry {
   uint32_t keyOffset() const { return sizeof(SlotHeader); }
   uint32_t valueOffset() const { return keyOffset() + pad8(keySize); }
   uint32_t slotSize() const { return valueOffset() + pad8(valueSize); }
-  size_t bytes() const { return sizeof(SegmentHeader) + capacity * slotSize(); }
+  // Where slot i starts in the file.
+  size_t slotOffset(uint64_t i) const { return sizeof(SegmentHeader) + i * slotSize(); }
+  size_t bytes() const { return slotOffset(capacity); }
 };
+
+// Fills in a new segment's header (the slots stay zero: free, version 0).
+void segmentHeaderInit(SegmentHeader& h, SegmentGeometry const& g, uint64_t generation);
 
 enum class HeaderCheck { ok, damaged, incompatible };
 

@@ -1,4 +1,4 @@
-#include "platform/core/RingTrace.h"
+#include "platform/shm/RingTrace.h"
 
 #include <fcntl.h>
 #include <gtest/gtest.h>

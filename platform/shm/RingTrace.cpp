@@ -1,9 +1,4 @@
-#include "platform/core/RingTrace.h"
-
-#include <fcntl.h>
-#include <sys/mman.h>
-#include <sys/stat.h>
-#include <unistd.h>
+#include "platform/shm/RingTrace.h"
 
 #include <algorithm>
 #include <atomic>
@@ -29,20 +24,6 @@ void sharedStore(uint64_t& field, uint64_t value, std::memory_order order) {
   std::atomic_ref<uint64_t>(field).store(value, order);
 }
 
-class FileDescriptor {
- public:
-  explicit FileDescriptor(int fd) : fd_(fd) {}
-  FileDescriptor(FileDescriptor const&) = delete;
-  FileDescriptor& operator=(FileDescriptor const&) = delete;
-  ~FileDescriptor() {
-    if (fd_ >= 0) ::close(fd_);
-  }
-  int get() const { return fd_; }
-
- private:
-  int fd_;
-};
-
 Header& headerOf(std::byte* base) {
   return *reinterpret_cast<Header*>(base);
 }
@@ -56,8 +37,9 @@ Record const* recordsOf(std::byte const* base) {
   return reinterpret_cast<Record const*>(base + sizeof(Header));
 }
 
-std::string errnoText() {
-  return std::strerror(errno);
+// "<what> <path>: <errno text>." in the ring trace's own words.
+std::string failureText(std::string const& what, SysError const& e) {
+  return what + ": " + std::strerror(e.code) + ".";
 }
 
 uint64_t realtimeNs() {
@@ -142,84 +124,67 @@ std::vector<RingTraceRecord> ringSnapshot(std::byte const* base) {
   return result;
 }
 
-std::byte* mapShared(int fd, size_t size, int protection) {
-  void* base = ::mmap(nullptr, size, protection, MAP_SHARED, fd, 0);
-  return base == MAP_FAILED ? nullptr : static_cast<std::byte*>(base);
+MappedFile mapAnonymous(uint32_t capacity) {
+  auto made = MappedFile::createPrivate(RingTraceFormat::fileSize(capacity));
+  if (!made) return {};
+  headerInit(made.value().base(), capacity);
+  return std::move(made).value();
 }
 
-std::byte* mapAnonymous(uint32_t capacity) {
-  void* base = ::mmap(nullptr, RingTraceFormat::fileSize(capacity), PROT_READ | PROT_WRITE,
-                      MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
-  if (base == MAP_FAILED) return nullptr;
-  headerInit(static_cast<std::byte*>(base), capacity);
-  return static_cast<std::byte*>(base);
+// An open or map that failed, for the file at path, in the words of a writer (re)opening its ring.
+std::string openFailure(std::string const& path, SysError const& e) {
+  if (std::strcmp(e.call, "fstat") == 0) return failureText("Cannot read the size of ring trace " + path, e);
+  if (std::strcmp(e.call, "mmap") == 0) return failureText("Cannot map ring trace " + path, e);
+  return failureText("Cannot open ring trace " + path, e);
 }
 
-// Maps an existing ring of the same layout and capacity. nullptr with an empty problem: there is nothing
-// worth keeping, make a fresh file. nullptr with a problem: leave the file alone and fail.
-std::byte* mapExisting(std::string const& path, uint32_t capacity, std::string& problem) {
-  FileDescriptor fd(::open(path.c_str(), O_RDWR | O_CLOEXEC));
-  if (fd.get() < 0) {
-    if (errno != ENOENT) problem = "Cannot open ring trace " + path + ": " + errnoText() + ".";
-    return nullptr;
+// Maps an existing ring of the same layout and capacity. Unmapped with an empty problem: there is nothing
+// worth keeping, make a fresh file. Unmapped with a problem: leave the file alone and fail.
+MappedFile mapExisting(std::string const& path, uint32_t capacity, std::string& problem) {
+  auto opened = MappedFile::open(path, true, sizeof(Header));
+  if (!opened) {
+    if (opened.code() != ENOENT) problem = openFailure(path, opened.error());
+    return {};
   }
-  struct stat status {};
-  if (::fstat(fd.get(), &status) != 0) {
-    problem = "Cannot read the size of ring trace " + path + ": " + errnoText() + ".";
-    return nullptr;
-  }
-  auto const size = static_cast<size_t>(status.st_size);
-  if (size == 0) return nullptr;
-  Header header{};
-  if (size < sizeof header ||
-      ::pread(fd.get(), &header, sizeof header, 0) != static_cast<ssize_t>(sizeof header) ||
-      std::memcmp(header.magic, RingTraceFormat::kMagic, sizeof header.magic) != 0) {
+  MappedFile file = std::move(opened).value();
+  if (file.bytes() == 0) return {};
+  if (!file.mapped() || std::memcmp(headerOf(file.base()).magic, RingTraceFormat::kMagic, 8) != 0) {
     problem = path + " is not a ring trace file (bad magic); leaving it alone.";
-    return nullptr;
+    return {};
   }
-  if (!headerProblem(header, size).empty() || header.capacity != capacity) return nullptr;
-  std::byte* base = mapShared(fd.get(), size, PROT_READ | PROT_WRITE);
-  if (!base) problem = "Cannot map ring trace " + path + ": " + errnoText() + ".";
-  return base;
+  Header const& header = headerOf(file.base());
+  if (!headerProblem(header, file.bytes()).empty() || header.capacity != capacity) return {};
+  return file;
 }
 
 // Makes the file beside its final name and renames it into place, so a reader never maps a half-made ring and
 // a reader still holding the old file keeps a valid mapping.
-std::byte* mapFresh(std::string const& path, uint32_t capacity, std::string& problem) {
+MappedFile mapFresh(std::string const& path, uint32_t capacity, std::string& problem) {
   std::string const staging = path + ".new";
-  size_t const size = RingTraceFormat::fileSize(capacity);
-  FileDescriptor fd(::open(staging.c_str(), O_RDWR | O_CREAT | O_TRUNC | O_CLOEXEC, 0640));
-  if (fd.get() < 0) {
-    problem = "Cannot create ring trace " + staging + ": " + errnoText() + ".";
-    return nullptr;
+  auto made = MappedFile::create(staging, RingTraceFormat::fileSize(capacity));
+  if (!made) {
+    SysError const& e = made.error();
+    if (std::strcmp(e.call, "open") == 0) {
+      problem = failureText("Cannot create ring trace " + staging, e);
+    } else if (std::strcmp(e.call, "mmap") == 0) {
+      problem = failureText("Cannot map ring trace " + staging, e);
+    } else {
+      problem = failureText("Cannot size ring trace " + staging, e);
+    }
+    return {};
   }
-  // Allocating the blocks now means a full tmpfs fails here, not with SIGBUS on some later record.
-  if (int const error = ::posix_fallocate(fd.get(), 0, static_cast<off_t>(size)); error != 0) {
-    problem = "Cannot size ring trace " + staging + ": " + std::strerror(error) + ".";
-    ::unlink(staging.c_str());
-    return nullptr;
+  MappedFile file = std::move(made).value();
+  headerInit(file.base(), capacity);
+  if (auto const renamed = MappedFile::replaceFile(staging, path); !renamed) {
+    problem = failureText("Cannot rename " + staging + " to " + path, renamed.error());
+    return {};
   }
-  std::byte* base = mapShared(fd.get(), size, PROT_READ | PROT_WRITE);
-  if (!base) {
-    problem = "Cannot map ring trace " + staging + ": " + errnoText() + ".";
-    ::unlink(staging.c_str());
-    return nullptr;
-  }
-  headerInit(base, capacity);
-  if (::rename(staging.c_str(), path.c_str()) != 0) {
-    problem = "Cannot rename " + staging + " to " + path + ": " + errnoText() + ".";
-    ::munmap(base, size);
-    ::unlink(staging.c_str());
-    return nullptr;
-  }
-  return base;
+  return file;
 }
 
 }  // namespace
 
-RingTrace::~RingTrace() {
-  mappingIs(nullptr, 0);
-}
+RingTrace::~RingTrace() = default;
 
 RingTrace& RingTrace::instance() {
   static auto* const ring = new RingTrace;
@@ -234,14 +199,14 @@ bool RingTrace::open(std::string const& path, uint32_t capacity) {
              std::to_string(RingTraceFormat::kCapacityMax) + ".";
     return false;
   }
-  std::byte* base = mapExisting(path, capacity, error_);
-  if (!base && error_.empty()) base = mapFresh(path, capacity, error_);
-  if (!base) return false;
+  MappedFile file = mapExisting(path, capacity, error_);
+  if (!file.mapped() && error_.empty()) file = mapFresh(path, capacity, error_);
+  if (!file.mapped()) return false;
   // Records made in memory before the file existed (start-up) go into the file; a previous file keeps its
   // own.
   std::vector<RingTraceRecord> carried;
-  if (base_ && path_.empty()) carried = ringSnapshot(base_);
-  mappingIs(base, RingTraceFormat::fileSize(capacity));
+  if (mapping_.mapped() && path_.empty()) carried = ringSnapshot(mapping_.base());
+  mapping_ = std::move(file);
   path_ = path;
   for (auto const& record : carried) recordAt(record.timeNs, record.text);
   return true;
@@ -249,28 +214,27 @@ bool RingTrace::open(std::string const& path, uint32_t capacity) {
 
 void RingTrace::record(std::string_view text) {
   std::lock_guard lock(mutex_);
-  if (!base_) {
+  if (!mapping_.mapped()) {
     // Recording must never fail loudly: with no memory for the ring the event is simply not kept.
-    std::byte* base = mapAnonymous(kDefaultCapacity);
-    if (!base) return;
-    mappingIs(base, RingTraceFormat::fileSize(kDefaultCapacity));
+    mapping_ = mapAnonymous(kDefaultCapacity);
+    if (!mapping_.mapped()) return;
   }
   recordAt(realtimeNs(), text);
 }
 
 std::vector<RingTraceRecord> RingTrace::records() const {
   std::lock_guard lock(mutex_);
-  if (!base_) return {};
-  return ringSnapshot(base_);
+  if (!mapping_.mapped()) return {};
+  return ringSnapshot(mapping_.base());
 }
 
 void RingTrace::recordAt(uint64_t timeNs, std::string_view text) {
-  Header& header = headerOf(base_);
+  Header& header = headerOf(mapping_.base());
   // The sequence number is taken before the record is touched, so a writer restarted after a crash never
   // reuses the number of a record its predecessor may have left half-written.
   uint64_t const seq = sharedLoad(header.nextSeq, std::memory_order_relaxed);
   sharedStore(header.nextSeq, seq + 1, std::memory_order_relaxed);
-  Record& record = recordsOf(base_)[(seq - 1) % header.capacity];
+  Record& record = recordsOf(mapping_.base())[(seq - 1) % header.capacity];
   sharedStore(record.commit, 0, std::memory_order_relaxed);
   std::atomic_thread_fence(std::memory_order_release);
   auto const length = static_cast<uint32_t>(std::min(text.size(), RingTraceFormat::kTextMax));
@@ -281,36 +245,28 @@ void RingTrace::recordAt(uint64_t timeNs, std::string_view text) {
   sharedStore(record.commit, seq, std::memory_order_release);
 }
 
-void RingTrace::mappingIs(std::byte* base, size_t size) {
-  if (base_) ::munmap(base_, size_);
-  base_ = base;
-  size_ = size;
-}
-
 std::optional<std::vector<RingTraceRecord>> RingTraceReader::read(std::string const& path,
                                                                   std::string* error) {
   auto fail = [&](std::string const& why) -> std::optional<std::vector<RingTraceRecord>> {
     if (error) *error = why;
     return std::nullopt;
   };
-  FileDescriptor fd(::open(path.c_str(), O_RDONLY | O_CLOEXEC));
-  if (fd.get() < 0) return fail("Cannot open ring trace " + path + ": " + errnoText() + ".");
-  struct stat status {};
-  if (::fstat(fd.get(), &status) != 0)
-    return fail("Cannot read the size of " + path + ": " + errnoText() + ".");
-  auto const size = static_cast<size_t>(status.st_size);
-  if (size < sizeof(Header)) {
-    return fail(path + " is not a ring trace file: " + std::to_string(size) +
+  auto opened = MappedFile::open(path, false, sizeof(Header));
+  if (!opened) {
+    SysError const& e = opened.error();
+    if (std::strcmp(e.call, "fstat") == 0) return fail(failureText("Cannot read the size of " + path, e));
+    if (std::strcmp(e.call, "mmap") == 0) return fail(failureText("Cannot map ring trace " + path, e));
+    return fail(failureText("Cannot open ring trace " + path, e));
+  }
+  MappedFile const file = std::move(opened).value();
+  if (!file.mapped()) {
+    return fail(path + " is not a ring trace file: " + std::to_string(file.bytes()) +
                 " bytes is shorter than its header.");
   }
-  std::byte* base = mapShared(fd.get(), size, PROT_READ);
-  if (!base) return fail("Cannot map ring trace " + path + ": " + errnoText() + ".");
-  std::string const problem = headerProblem(headerOf(static_cast<std::byte const*>(base)), size);
-  std::optional<std::vector<RingTraceRecord>> result;
-  if (problem.empty()) result = ringSnapshot(base);
-  ::munmap(base, size);
+  std::string const problem =
+      headerProblem(headerOf(static_cast<std::byte const*>(file.base())), file.bytes());
   if (!problem.empty()) return fail(path + " " + problem + ".");
-  return result;
+  return ringSnapshot(file.base());
 }
 
 }  // namespace Calyx
