@@ -27,10 +27,9 @@
 //   table starts empty; a damaged file goes to the corruption handler (told atOpen, with the file still at
 //   its path) and, if that returns, the table starts empty. The file is opened without following a symlink.
 // - A value type may declare `bool sound(std::string& problem) const`: every record read back from the
-// segment
-//   (a lookup, an in-place update, the load of an earlier run's file) is checked with it before use, because
-//   an earlier run or another process may have left it broken. A broken record goes to the corruption handler
-//   and reads as absent.
+//   segment (a lookup, an in-place update, the load of an earlier run's file) is checked with it before use,
+//   because an earlier run or another process may have left it broken. A broken record goes to the
+//   corruption handler and reads as absent.
 
 #include <algorithm>
 #include <cstddef>
