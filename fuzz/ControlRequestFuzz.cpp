@@ -39,7 +39,8 @@ struct Harness {
     auto tracker = make<FlowTracking::TrackerConfig>("t1");
     mounts.config->trackerIs("t1", tracker);
     mounts.capabilities->mirrorOnDropSupportedIs(true);
-    host = std::make_unique<FeatureHost>(*mirrorOnDropPluginTable(), mounts);
+    host = std::make_unique<FeatureHost>(
+        *static_cast<MirrorOnDrop::PluginTable const*>(mirrorOnDropPluginTable()), mounts);
     service = std::make_unique<ModAgent::ControlService>(*loop, *host, stateDir);
   }
   ~Harness() {
